@@ -1,0 +1,60 @@
+#pragma once
+// CatalogBuilder: collects records from a source reader, finds duplicates with
+// an open-addressing slot table (8192 slots, doubled when half full) and
+// `finish`es into a Catalog. NativeCatalogBuilder wraps it for readers that
+// must reject bad or duplicate records. Single-threaded; not shared.
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <unordered_map>
+#include <unordered_set>
+#include <vector>
+
+#include "kernel/catalog/catalog.h"
+
+namespace tarv {
+
+class CatalogBuilder {
+ public:
+  CatalogBuilder(std::string sourceId, PathFlavor pathFlavor, bool inferAncestors, bool directorySizes);
+
+  // Adds one record; false when the path is already present (nothing added).
+  // `path` is the full path. Without ancestor inference a file and a folder of
+  // the same name in one parent are duplicates; with it they are two records.
+  bool add(TextView path, bool folder, std::uint64_t size, std::uint64_t modified, std::uint64_t created,
+           const std::optional<Text>& irregularExtension, std::uint8_t kind, std::uint64_t allocated,
+           std::optional<std::uint64_t> device);
+
+  std::int32_t count() const noexcept { return count_; }
+
+  // Synthesises missing ancestors (with inference), derives folder sizes (with
+  // directory sizes on: each folder's size is the sum of the files below it),
+  // and returns the catalog. The builder must not be used afterwards.
+  Catalog finish();
+
+ private:
+  // Implementation-defined members (hash slots, growing arrays, lookups).
+  struct State;
+  std::shared_ptr<State> state_;
+  std::int32_t count_ = 0;
+};
+
+class NativeCatalogBuilder {
+ public:
+  NativeCatalogBuilder(std::string sourceId, PathFlavor pathFlavor, bool directorySizes);
+
+  // Throws KernelError::invalid("Invalid native record") when `path` is empty,
+  // holds a NUL unit or `kind` >= 7, and KernelError::invalid("Duplicate native
+  // path: " + path) for a duplicate. A rejected record leaves the builder unchanged.
+  void add(TextView path, std::uint8_t kind, std::uint64_t size, std::uint64_t modified, std::uint64_t created,
+           std::uint64_t allocated, std::optional<std::uint64_t> device);
+
+  std::int32_t count() const noexcept { return builder_.count(); }
+  Catalog finish() { return builder_.finish(); }
+
+ private:
+  CatalogBuilder builder_;
+};
+
+}  // namespace tarv
