@@ -41,7 +41,7 @@ TEST(Text, RepairsIllFormedSequences) {
 }
 
 TEST(PathFlavor, SeparatorsAndTrimming) {
-  EXPECT_EQ(path_flavor::lastSeparator(PathFlavor::windows, u"C:\\a/b\\c"), 5);
+  EXPECT_EQ(path_flavor::lastSeparator(PathFlavor::windows, u"C:\\a/b\\c"), 6);
   EXPECT_EQ(path_flavor::lastSeparator(PathFlavor::posix, u"C:\\a\\c"), -1);
   EXPECT_EQ(path_flavor::lastSeparator(PathFlavor::posix, u"/a/b"), 2);
   EXPECT_EQ(path_flavor::trimParent(PathFlavor::posix, u"/"), u"/");
