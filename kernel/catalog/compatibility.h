@@ -39,6 +39,9 @@ class Compatibility {
   // "../share/tarv/vantor-v1.json"; the first that exists. Throws the
   // "Missing compatibility table" error when none does.
   static std::filesystem::path defaultLocation();
+  // The first of the three candidates beside `executableFolder` that exists
+  // (the file itself, the bundle's Resources, the installed share folder).
+  static std::optional<std::filesystem::path> locateBeside(const std::filesystem::path& executableFolder);
   // The command-line lookup: the argument after the first "--compatibility"
   // among `arguments` (all of argv, program path included); when absent or
   // last, defaultLocation().
