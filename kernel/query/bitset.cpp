@@ -1,0 +1,69 @@
+#include "kernel/query/bitset.h"
+
+#include <algorithm>
+
+namespace tarv {
+
+void Bitset::setRange(std::int64_t begin, std::int64_t end) noexcept {
+  if (begin >= end) return;
+  auto first = static_cast<std::size_t>(begin >> 6);
+  auto last = static_cast<std::size_t>((end - 1) >> 6);
+  const std::uint64_t head = ~std::uint64_t(0) << (begin & 63);
+  const std::uint64_t tail = ~std::uint64_t(0) >> (63 - ((end - 1) & 63));
+  if (first == last) {
+    words_[first] |= head & tail;
+    return;
+  }
+  words_[first] |= head;
+  std::fill(words_.begin() + static_cast<std::ptrdiff_t>(first) + 1, words_.begin() + static_cast<std::ptrdiff_t>(last),
+            ~std::uint64_t(0));
+  words_[last] |= tail;
+}
+
+std::int64_t Bitset::count(std::span<const std::uint64_t> words) noexcept {
+  std::int64_t total = 0;
+  for (auto w : words) total += std::popcount(w);
+  return total;
+}
+
+bool Bitset::none() const noexcept {
+  return std::all_of(words_.begin(), words_.end(), [](std::uint64_t w) { return w == 0; });
+}
+
+void Bitset::unite(std::span<const std::uint64_t> other) noexcept {
+  const std::size_t n = std::min(words_.size(), other.size());
+  for (std::size_t i = 0; i < n; ++i) words_[i] |= other[i];
+}
+
+void Bitset::intersect(std::span<const std::uint64_t> other) noexcept {
+  const std::size_t n = std::min(words_.size(), other.size());
+  for (std::size_t i = 0; i < n; ++i) words_[i] &= other[i];
+  std::fill(words_.begin() + static_cast<std::ptrdiff_t>(n), words_.end(), 0);
+}
+
+void Bitset::subtract(std::span<const std::uint64_t> other) noexcept {
+  const std::size_t n = std::min(words_.size(), other.size());
+  for (std::size_t i = 0; i < n; ++i) words_[i] &= ~other[i];
+}
+
+void Bitset::complement(std::int64_t rows) noexcept {
+  const std::size_t full = rows <= 0 ? 0 : static_cast<std::size_t>(rows >> 6);
+  for (std::size_t i = 0; i < words_.size(); ++i) {
+    if (i < full) {
+      words_[i] = ~words_[i];
+    } else if (i == full && rows > 0 && (rows & 63) != 0) {
+      words_[i] = ~words_[i] & ((std::uint64_t(1) << (rows & 63)) - 1);
+    } else {
+      words_[i] = 0;
+    }
+  }
+}
+
+std::vector<std::int32_t> Bitset::rows() const {
+  std::vector<std::int32_t> out;
+  out.reserve(static_cast<std::size_t>(count()));
+  forEach([&](std::int64_t row) { out.push_back(static_cast<std::int32_t>(row)); });
+  return out;
+}
+
+}  // namespace tarv
