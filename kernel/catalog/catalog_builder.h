@@ -5,6 +5,7 @@
 // must reject bad or duplicate records. Single-threaded; not shared.
 
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <string>
 #include <unordered_map>
@@ -18,6 +19,9 @@ namespace tarv {
 class CatalogBuilder {
  public:
   CatalogBuilder(std::string sourceId, PathFlavor pathFlavor, bool inferAncestors, bool directorySizes);
+  ~CatalogBuilder();
+  CatalogBuilder(CatalogBuilder&&) noexcept;
+  CatalogBuilder& operator=(CatalogBuilder&&) noexcept;
 
   // Adds one record; false when the path is already present (nothing added).
   // `path` is the full path. Without ancestor inference a file and a folder of
@@ -28,15 +32,18 @@ class CatalogBuilder {
 
   std::int32_t count() const noexcept { return count_; }
 
+  // Whether add would refuse `path` as already present (a read-only probe).
+  bool contains(TextView path, bool folder) const;
+
   // Synthesises missing ancestors (with inference), derives folder sizes (with
   // directory sizes on: each folder's size is the sum of the files below it),
   // and returns the catalog. The builder must not be used afterwards.
   Catalog finish();
 
  private:
-  // Implementation-defined members (hash slots, growing arrays, lookups).
+  // Growing arrays, the parent and duplicate lookups (catalog_builder.cpp).
   struct State;
-  std::shared_ptr<State> state_;
+  std::unique_ptr<State> state_;
   std::int32_t count_ = 0;
 };
 
@@ -51,6 +58,8 @@ class NativeCatalogBuilder {
            std::uint64_t allocated, std::optional<std::uint64_t> device);
 
   std::int32_t count() const noexcept { return builder_.count(); }
+  // Whether `path` is already present (add would throw the duplicate error).
+  bool contains(TextView path) const { return builder_.contains(path, /*folder=*/false); }
   Catalog finish() { return builder_.finish(); }
 
  private:
