@@ -1,0 +1,134 @@
+#include "core/platform/settings.h"
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <string>
+#include <vector>
+
+#include "kernel/base/kernel_error.h"
+#include "tests/platform/environment_guard.h"
+#include "tests/support/temp_dir.h"
+
+namespace tarv::platform {
+namespace {
+
+using testing::EnvironmentGuard;
+using testing::TempDir;
+
+// Opens the suite at `file` and returns what it wrote to standard error.
+std::string openCapturingErrors(const std::filesystem::path& file, Settings& settings) {
+  ::testing::internal::CaptureStderr();
+  settings = Settings::openFile(file);
+  return ::testing::internal::GetCapturedStderr();
+}
+
+TEST(Settings, MissingFileIsAnEmptySuite) {
+  TempDir dir;
+  Settings settings;
+  EXPECT_EQ(openCapturingErrors(dir / "none/defaults.json", settings), "");
+  EXPECT_EQ(settings.string("configurationPath"), std::nullopt);
+  EXPECT_EQ(settings.file(), dir / "none/defaults.json");
+}
+
+TEST(Settings, ReadsStringValuesOnly) {
+  TempDir dir;
+  auto file = dir.write("defaults.json",
+                        R"({"configurationPath":"/c/config.json","aiProvider":"anthropic","aiModel.openAI":"m",)"
+                        R"("count":3,"flag":true,"nested":{"a":"b"}})");
+  Settings settings;
+  EXPECT_EQ(openCapturingErrors(file, settings), "");
+  EXPECT_EQ(settings.string("configurationPath"), "/c/config.json");
+  EXPECT_EQ(settings.string("aiProvider"), "anthropic");
+  EXPECT_EQ(settings.string("aiModel.openAI"), "m");
+  EXPECT_EQ(settings.string("count"), std::nullopt);
+  EXPECT_EQ(settings.string("flag"), std::nullopt);
+  EXPECT_EQ(settings.string("nested"), std::nullopt);
+}
+
+TEST(Settings, MalformedFilesAreIgnoredWithOneWarning) {
+  struct BadCase {
+    const char* label;
+    std::string bytes;
+  };
+  const std::vector<BadCase> cases = {
+      {"not JSON", "{configurationPath: x"},
+      {"array", R"(["configurationPath","/x"])"},
+      {"string", R"("configurationPath")"},
+      {"empty file", ""},
+      {"invalid UTF-8", "{\"configurationPath\":\"\xff\"}"},
+      {"trailing garbage", R"({"configurationPath":"/x"} tail)"},
+  };
+  for (const BadCase& c : cases) {
+    TempDir dir;
+    auto file = dir.write("defaults.json", c.bytes);
+    Settings settings;
+    std::string err = openCapturingErrors(file, settings);
+    EXPECT_EQ(std::count(err.begin(), err.end(), '\n'), 1) << c.label << ": " << err;
+    EXPECT_EQ(err.rfind("tarv: ", 0), 0u) << c.label << ": " << err;
+    EXPECT_EQ(settings.string("configurationPath"), std::nullopt) << c.label;
+  }
+}
+
+TEST(Settings, UnreadableFileIsIgnoredWithOneWarning) {
+  TempDir dir;
+  std::filesystem::create_directories(dir / "defaults.json");  // exists, cannot be read as a file
+  Settings settings;
+  std::string err = openCapturingErrors(dir / "defaults.json", settings);
+  EXPECT_EQ(std::count(err.begin(), err.end(), '\n'), 1) << err;
+  EXPECT_EQ(err.rfind("tarv: ", 0), 0u) << err;
+}
+
+TEST(Settings, SaveWritesAPrivateFileAtomically) {
+  TempDir dir;
+  const auto file = dir / "deep/er/tarv/defaults.json";
+  Settings settings = Settings::openFile(file);
+  settings.set("aiProvider", "openAI");
+  settings.set("aiBaseURL", "http://localhost:8080/v1");
+  settings.set("gone", "soon");
+  settings.set("gone", std::nullopt);
+  settings.save();
+
+  struct stat info {};
+  ASSERT_EQ(::stat(file.c_str(), &info), 0);
+  EXPECT_EQ(info.st_mode & 0777, 0600u);
+  EXPECT_FALSE(std::filesystem::exists(file.string() + ".partial"));
+
+  Settings again;
+  EXPECT_EQ(openCapturingErrors(file, again), "");
+  EXPECT_EQ(again.string("aiProvider"), "openAI");
+  EXPECT_EQ(again.string("aiBaseURL"), "http://localhost:8080/v1");
+  EXPECT_EQ(again.string("gone"), std::nullopt);
+
+  // Saving again replaces the file whole, keeping its mode.
+  again.set("aiProvider", std::nullopt);
+  again.save();
+  EXPECT_EQ(Settings::openFile(file).string("aiProvider"), std::nullopt);
+  ASSERT_EQ(::stat(file.c_str(), &info), 0);
+  EXPECT_EQ(info.st_mode & 0777, 0600u);
+}
+
+TEST(Settings, SaveFailureIsAnIoError) {
+  TempDir dir;
+  dir.write("blocker", "a file where a folder should be");
+  Settings settings = Settings::openFile(dir / "blocker/tarv/defaults.json");
+  settings.set("aiProvider", "openAI");
+  try {
+    settings.save();
+    FAIL() << "saved below a file";
+  } catch (const KernelError& error) {
+    EXPECT_EQ(error.kind(), KernelError::Kind::io);
+  }
+}
+
+TEST(Settings, OpenUsesTheSettingsFile) {
+  TempDir dir;
+  EnvironmentGuard environment;
+  environment.set("XDG_CONFIG_HOME", dir.path().string());
+  dir.write("tarv/defaults.json", R"({"configurationPath":"/from/xdg"})");
+  EXPECT_EQ(Settings::open("app.tarv.Tarv").string("configurationPath"), "/from/xdg");
+}
+
+}  // namespace
+}  // namespace tarv::platform
