@@ -1,0 +1,211 @@
+// The Searcher against a fake snapshot: paging, reloading on a new
+// modification date, and configuration errors that come before any loading.
+
+#include "cli/searcher.h"
+
+#include <gtest/gtest.h>
+
+#include <limits>
+#include <string>
+#include <vector>
+
+#include "kernel/base/kernel_error.h"
+#include "tests/support/temp_dir.h"
+
+namespace tarv::cli {
+namespace {
+
+using testing::TempDir;
+
+const char* kValidConfiguration = R"({"schema":1,"sources":[
+  {"id":"disk","label":"Disk","format":"gfind","file":"disk.txt","root":"/","state":"complete",
+   "scannedAt":"2026-10-01T12:00:00Z","virtualDirectory":null},
+  {"id":"nas","label":"NAS","format":"gfind","file":"nas.txt","root":"/nas","state":"partial",
+   "scannedAt":null,"virtualDirectory":null}]})";
+
+// Ids 0..n-1 ordered descending; a row's path names its id.
+class FakeSnapshot : public LoadedSnapshot {
+ public:
+  FakeSnapshot(int rows, const Configuration& config, int generation)
+      : rows_(rows), sources_(config.sources), generation_(generation) {
+    for (std::size_t i = 0; i < sources_.size(); ++i) counts_.push_back(static_cast<std::int64_t>(i) + 10);
+  }
+  Column<std::int32_t> search(const std::string& query, const std::string& sort) const override {
+    if (sort != "name-asc") throw KernelError::invalid("Unsupported sort: " + sort);
+    lastQuery = query;
+    std::vector<std::int32_t> ids;
+    for (int id = rows_ - 1; id >= 0; --id) ids.push_back(id);
+    return Column<std::int32_t>::owned(std::move(ids));
+  }
+  ResultRow row(std::int32_t id) const override {
+    ++rowsBuilt;
+    ResultRow row;
+    row.id = id;
+    row.path = "/g" + std::to_string(generation_) + "/" + std::to_string(id);
+    return row;
+  }
+  std::int64_t totalRecords() const override { return rows_; }
+  const std::vector<Configuration::Source>& sources() const override { return sources_; }
+  const std::vector<std::int64_t>& counts() const override { return counts_; }
+  void finishWrites() const override { ++finished; }
+
+  mutable std::string lastQuery;
+  mutable int rowsBuilt = 0;
+  mutable int finished = 0;
+
+ private:
+  int rows_;
+  std::vector<Configuration::Source> sources_;
+  std::vector<std::int64_t> counts_;
+  int generation_;
+};
+
+struct Harness {
+  TempDir dir;
+  std::filesystem::path config = dir / "config.json";
+  int loads = 0;
+  bool failNext = false;
+  int rows = 5;
+
+  Searcher make() {
+    return Searcher(config, nullptr, [this](const Configuration& configuration, const auto&) {
+      ++loads;
+      if (failNext) throw KernelError::io("Cannot read source disk");
+      return std::make_shared<const FakeSnapshot>(rows, configuration, loads);
+    });
+  }
+  void writeConfig(const std::string& text) { dir.write("config.json", text); }
+  void touch(int secondsLater) {
+    auto stamp = std::filesystem::last_write_time(config);
+    std::filesystem::last_write_time(config, stamp + std::chrono::seconds(secondsLater));
+  }
+};
+
+std::vector<std::string> paths(const SearchResult& result) {
+  std::vector<std::string> out;
+  for (const auto& row : result.rows) out.push_back(row.path);
+  return out;
+}
+
+TEST(Searcher, PagesThroughTheMatches) {
+  constexpr std::int64_t kMax = std::numeric_limits<std::int64_t>::max();
+  struct PageCase {
+    const char* label;
+    std::int64_t offset;
+    std::int64_t limit;
+    std::vector<std::string> expected;
+  };
+  const std::vector<PageCase> cases = {
+      {"first page", 0, 2, {"/g1/4", "/g1/3"}},
+      {"middle page", 2, 2, {"/g1/2", "/g1/1"}},
+      {"short last page", 3, 10, {"/g1/1", "/g1/0"}},
+      {"offset at total", 5, 1, {}},
+      {"offset beyond total", 9, 1, {}},
+      {"limit zero builds nothing", 0, 0, {}},
+      {"huge limit", 1, kMax, {"/g1/3", "/g1/2", "/g1/1", "/g1/0"}},
+      {"huge offset and limit", kMax, kMax, {}},
+  };
+  Harness harness;
+  harness.writeConfig(kValidConfiguration);
+  Searcher searcher = harness.make();
+  for (const PageCase& c : cases) {
+    SearchResult result = searcher.search("q", "name-asc", c.offset, c.limit);
+    EXPECT_EQ(result.total, 5) << c.label;
+    EXPECT_EQ(paths(result), c.expected) << c.label;
+    EXPECT_GE(result.searchMs, 0) << c.label;
+  }
+  EXPECT_EQ(harness.loads, 1) << "an unchanged configuration is loaded once";
+  auto snapshot = std::static_pointer_cast<const FakeSnapshot>(searcher.current());
+  EXPECT_EQ(snapshot->rowsBuilt, 10) << "rows are built for the page only";
+  EXPECT_EQ(snapshot->lastQuery, "q");
+}
+
+TEST(Searcher, ReloadsOnlyWhenTheModificationDateChanges) {
+  Harness harness;
+  harness.writeConfig(kValidConfiguration);
+  Searcher searcher = harness.make();
+  auto first = searcher.current();
+  EXPECT_EQ(searcher.current(), first);
+  EXPECT_EQ(harness.loads, 1);
+
+  harness.touch(5);
+  auto second = searcher.current();
+  EXPECT_NE(second, first);
+  EXPECT_EQ(harness.loads, 2);
+  EXPECT_EQ(paths(searcher.search("", "name-asc", 0, 1)), std::vector<std::string>{"/g2/4"});
+
+  // A failed reload keeps the held snapshot but not the new date: the next
+  // call tries again.
+  harness.touch(5);
+  harness.failNext = true;
+  EXPECT_THROW(searcher.current(), KernelError);
+  EXPECT_THROW(searcher.current(), KernelError);
+  EXPECT_EQ(harness.loads, 4);
+  harness.failNext = false;
+  auto third = searcher.current();
+  EXPECT_NE(third, second);
+  EXPECT_EQ(searcher.current(), third);
+  EXPECT_EQ(harness.loads, 5);
+}
+
+TEST(Searcher, MissingConfigurationSaysWhereItLooked) {
+  Harness harness;
+  Searcher searcher = harness.make();
+  try {
+    searcher.search("", "name-asc", 0, 1);
+    FAIL() << "searched without a configuration";
+  } catch (const KernelError& error) {
+    EXPECT_EQ(error.message(),
+              "No index yet: open Tarv and choose the folders to search (" + harness.config.string() + ").");
+  }
+  EXPECT_EQ(harness.loads, 0);
+}
+
+TEST(Searcher, ConfigurationErrorsComeBeforeLoading) {
+  Harness harness;
+  harness.writeConfig(R"({"schema":1,"sources":[]})");
+  Searcher searcher = harness.make();
+  try {
+    searcher.status();
+    FAIL() << "accepted an empty source list";
+  } catch (const KernelError& error) {
+    EXPECT_EQ(error.message(), "sources must contain 1..16 entries");
+  }
+  EXPECT_EQ(harness.loads, 0);
+}
+
+TEST(Searcher, SearchErrorsPassThrough) {
+  Harness harness;
+  harness.writeConfig(kValidConfiguration);
+  Searcher searcher = harness.make();
+  try {
+    searcher.search("", "colour-asc", 0, 10);
+    FAIL() << "accepted an unknown sort";
+  } catch (const KernelError& error) {
+    EXPECT_EQ(error.message(), "Unsupported sort: colour-asc");
+  }
+}
+
+TEST(Searcher, StatusPairsSourcesWithCounts) {
+  Harness harness;
+  harness.writeConfig(kValidConfiguration);
+  Searcher searcher = harness.make();
+  StatusReport report = searcher.status();
+  EXPECT_EQ(report.configuration, harness.config.string());
+  EXPECT_EQ(report.records, 5);
+  ASSERT_EQ(report.sources.size(), 2u);
+  EXPECT_EQ(report.sources[0].id, "disk");
+  EXPECT_EQ(report.sources[0].records, 10);
+  EXPECT_EQ(report.sources[0].scannedAt, "2026-10-01T12:00:00Z");
+  EXPECT_EQ(report.sources[1].label, "NAS");
+  EXPECT_EQ(report.sources[1].root, "/nas");
+  EXPECT_EQ(report.sources[1].state, "partial");
+  EXPECT_EQ(report.sources[1].records, 11);
+  EXPECT_FALSE(report.sources[1].scannedAt.has_value());
+
+  searcher.finishWrites();
+  EXPECT_EQ(std::static_pointer_cast<const FakeSnapshot>(searcher.current())->finished, 1);
+}
+
+}  // namespace
+}  // namespace tarv::cli
