@@ -5,7 +5,9 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdlib>
 #include <limits>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -205,6 +207,45 @@ TEST(Searcher, StatusPairsSourcesWithCounts) {
 
   searcher.finishWrites();
   EXPECT_EQ(std::static_pointer_cast<const FakeSnapshot>(searcher.current())->finished, 1);
+}
+
+// Restores one environment variable when the test ends.
+class SavedVariable {
+ public:
+  explicit SavedVariable(const char* name) : name_(name) {
+    if (const char* value = std::getenv(name)) old_ = value;
+  }
+  ~SavedVariable() {
+    if (old_) ::setenv(name_, old_->c_str(), 1);
+    else ::unsetenv(name_);
+  }
+
+ private:
+  const char* name_;
+  std::optional<std::string> old_;
+};
+
+TEST(Searcher, PointsTheIndexCacheAtTheSupportFolderUnlessSet) {
+  TempDir dir;
+  std::string identity = "[0";
+  for (int unit = 1; unit < 65536; ++unit) identity += "," + std::to_string(unit);
+  identity += "]";
+  const auto table = dir.write("table.json", "{\"search\":" + identity + ",\"sort\":" + identity +
+                                                 ",\"case\":" + identity + "}");
+  const std::vector<std::string> argv = {"tarv", "status", "--compatibility", table.string()};
+  SavedVariable cache("TARV_INDEX_CACHE"), support("TARV_SUPPORT_DIRECTORY"), compat("TARV_COMPATIBILITY");
+  ::setenv("TARV_SUPPORT_DIRECTORY", dir.path().c_str(), 1);
+  ::setenv("TARV_COMPATIBILITY", (dir / "not-used.json").c_str(), 1);
+
+  ::unsetenv("TARV_INDEX_CACHE");
+  Searcher searcher(dir / "config.json", argv);
+  ASSERT_NE(searcher.compatibility(), nullptr) << "the table named on the command line is loaded";
+  EXPECT_EQ(searcher.compatibility()->fold(u'Q'), u'Q');
+  EXPECT_EQ(std::string(std::getenv("TARV_INDEX_CACHE")), (dir / "IndexCache").string());
+
+  ::setenv("TARV_INDEX_CACHE", "relative/on/purpose", 1);
+  Searcher again(dir / "config.json", argv);
+  EXPECT_EQ(std::string(std::getenv("TARV_INDEX_CACHE")), "relative/on/purpose");
 }
 
 }  // namespace
