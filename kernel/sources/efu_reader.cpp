@@ -105,7 +105,7 @@ class RecordReader {
     bool folder = (leadingDigits(nextField(line, position, numberScratch_)).value_or(0) & kDirectoryAttribute) != 0;
 
     name_.clear();
-    appendLegacyUtf8(filename, name_);
+    bool ascii = appendLegacyUtf8(filename, name_);
     path_.clear();
     bool absolute =
         (name_.size() >= 2 && name_[1] == u':') || (name_.size() >= 2 && name_[0] == u'\\' && name_[1] == u'\\');
@@ -117,7 +117,7 @@ class RecordReader {
       path_.pop_back();
 
     const std::optional<Text>* extension = &kNoExtension;
-    if (!folder && !isValidUtf8(filename)) {
+    if (!folder && !ascii && !isValidUtf8(filename)) {
       irregular_.reset();
       std::size_t dot = filename.rfind('.');
       std::size_t separator = filename.find_last_of("\\/");
@@ -148,13 +148,21 @@ class RecordReader {
 
 }  // namespace
 
-void appendLegacyUtf8(std::string_view bytes, Text& out) {
+bool appendLegacyUtf8(std::string_view bytes, Text& out) {
+  // Never more units than bytes: size the output once and write through a
+  // pointer, then trim to what was written.
+  std::size_t base = out.size();
+  out.resize(base + bytes.size());
+  Unit* target = out.data() + base;
   auto p = reinterpret_cast<const unsigned char*>(bytes.data());
   std::size_t n = bytes.size();
-  for (std::size_t i = 0; i < n;) {
+  std::size_t i = 0;
+  while (i < n && p[i] < 0x80) *target++ = p[i++];
+  bool ascii = i == n;
+  while (i < n) {
     unsigned char b = p[i];
     if (b < 0x80) {
-      out.push_back(b);
+      *target++ = b;
       ++i;
       continue;
     }
@@ -170,26 +178,28 @@ void appendLegacyUtf8(std::string_view bytes, Text& out) {
       need = 3;
       code = b & 0x07;
     } else {
-      out.push_back(0);
+      *target++ = 0;
       ++i;
       continue;
     }
     if (i + need >= n) {
-      out.push_back(0);  // cut off by the end of the field
-      return;
+      *target++ = 0;  // cut off by the end of the field
+      break;
     }
     for (std::size_t k = 1; k <= need; ++k) code = (code << 6) | (p[i + k] & 0x3F);
     i += need + 1;
     if (code < 0x10000) {
-      out.push_back(static_cast<Unit>(code));
-    } else if (code <= 0x10FFFF) {
+      *target++ = static_cast<Unit>(code);
+    } else if (code <= 0x10FFFF) {  // four bytes made at most two units
       code -= 0x10000;
-      out.push_back(static_cast<Unit>(0xD800 + (code >> 10)));
-      out.push_back(static_cast<Unit>(0xDC00 + (code & 0x3FF)));
+      *target++ = static_cast<Unit>(0xD800 + (code >> 10));
+      *target++ = static_cast<Unit>(0xDC00 + (code & 0x3FF));
     } else {
-      out.push_back(0);
+      *target++ = 0;
     }
   }
+  out.resize(static_cast<std::size_t>(target - out.data()));
+  return ascii;
 }
 
 void checkHeader(const std::filesystem::path& url) {

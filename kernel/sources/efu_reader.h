@@ -37,6 +37,7 @@ Catalog load(const std::filesystem::path& url, const std::string& sourceId, cons
 // points above U+FFFF become surrogate pairs. A stray continuation byte, a byte
 // 0xF8..0xFF, a sequence cut off by the end and a value above U+10FFFF each
 // yield one U+0000 unit, so the record survives with a marked character.
-void appendLegacyUtf8(std::string_view bytes, Text& out);
+// Returns whether every byte was below 0x80.
+bool appendLegacyUtf8(std::string_view bytes, Text& out);
 
 }  // namespace tarv::EfuReader

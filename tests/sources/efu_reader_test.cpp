@@ -126,9 +126,10 @@ TEST(EfuReader, LegacyDecoder) {
        Text{0, u'x'}},
   };
   for (auto& c : cases) {
-    Text out;
-    EfuReader::appendLegacyUtf8(c.bytes, out);
-    EXPECT_EQ(out, c.units) << c.label;
+    Text out = u">";  // appends
+    bool ascii = EfuReader::appendLegacyUtf8(c.bytes, out);
+    EXPECT_EQ(out, u">" + c.units) << c.label;
+    EXPECT_EQ(ascii, c.bytes == "abc") << c.label;
   }
 }
 
