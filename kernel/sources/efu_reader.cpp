@@ -24,13 +24,17 @@ bool isAsciiLetter(Unit u) { return (u >= u'A' && u <= u'Z') || (u >= u'a' && u 
 // all-ones value, which the catalog reads as unknown.
 std::optional<std::uint64_t> leadingDigits(std::string_view field) {
   if (field.empty()) return std::nullopt;
+  std::size_t digits = 0;
+  while (digits < field.size() && field[digits] >= '0' && field[digits] <= '9') ++digits;
   std::uint64_t value = 0;
-  for (char c : field) {
-    if (c < '0' || c > '9') break;
-    std::uint64_t digit = static_cast<std::uint64_t>(c - '0');
-    if (value > (kUnknown64 - digit) / 10) return kUnknown64;
-    value = value * 10 + digit;
+  if (digits <= 19) {  // 19 digits always fit: no overflow checks on the common path
+    for (std::size_t i = 0; i < digits; ++i) value = value * 10 + static_cast<std::uint64_t>(field[i] - '0');
+    return value;
   }
+  for (std::size_t i = 0; i < digits; ++i)
+    if (__builtin_mul_overflow(value, 10u, &value) ||
+        __builtin_add_overflow(value, static_cast<std::uint64_t>(field[i] - '0'), &value))
+      return kUnknown64;
   return value;
 }
 
