@@ -6,9 +6,10 @@
 #include <cstring>
 #include <limits>
 #include <numeric>
-#include <type_traits>
 
+#include "core/platform/memory_advice.h"
 #include "kernel/base/kernel_error.h"
+#include "kernel/catalog/grow_buffer.h"
 
 namespace tarv {
 namespace {
@@ -27,34 +28,27 @@ constexpr std::uint32_t kNone = std::numeric_limits<std::uint32_t>::max();
 
 bool isAnySeparator(Unit unit) { return unit == u'/' || unit == u'\\'; }
 
-bool sameUnits(TextView a, const Unit* b, std::size_t n) {
-  return a.size() == n && (n == 0 || std::memcmp(a.data(), b, n * sizeof(Unit)) == 0);
+bool sameText(TextView a, TextView b) {
+  return a.size() == b.size() && (a.empty() || std::memcmp(a.data(), b.data(), a.size() * sizeof(Unit)) == 0);
 }
 
-// Streaming hash over UTF-16 units for the builder's own lookups (parents and
-// declared folders). It must give the same value for a text hashed in one
-// piece or in two (parent text, then name), so it works unit by unit.
-class UnitHash {
- public:
-  void add(TextView text) noexcept {
-    for (Unit u : text) h_ = (h_ ^ u) * 0x100000001B3ull;
+// Hash of a parent text, eight bytes at a time (parents are hashed whenever
+// the parent changes between consecutive records, so this is warm code).
+std::uint32_t textHash(TextView text) {
+  const auto* bytes = reinterpret_cast<const unsigned char*>(text.data());
+  std::size_t left = text.size() * sizeof(Unit);
+  std::uint64_t h = 0x9E3779B97F4A7C15ull ^ left;
+  for (; left >= 8; left -= 8, bytes += 8) {
+    std::uint64_t word;
+    std::memcpy(&word, bytes, 8);
+    h = (h ^ word) * 0xFF51AFD7ED558CCDull;
+    h ^= h >> 32;
   }
-  std::uint32_t value() const noexcept {
-    std::uint64_t x = h_;
-    x ^= x >> 33;
-    x *= 0xFF51AFD7ED558CCDull;
-    x ^= x >> 33;
-    return static_cast<std::uint32_t>(x);
-  }
-
- private:
-  std::uint64_t h_ = 0xCBF29CE484222325ull;
-};
-
-std::uint32_t hashOf(TextView text) {
-  UnitHash h;
-  h.add(text);
-  return h.value();
+  std::uint64_t tail = 0;
+  if (left != 0) std::memcpy(&tail, bytes, left);
+  h = (h ^ tail) * 0xC4CEB9FE1A85EC53ull;
+  h ^= h >> 29;
+  return static_cast<std::uint32_t>(h);
 }
 
 // The duplicate table's slot hash before masking: the start slot is this
@@ -75,7 +69,9 @@ std::uint32_t slotHash(TextView name, std::uint32_t key) {
 constexpr std::uint64_t makeSlot(std::uint32_t hash, std::int32_t row) {
   return (std::uint64_t{hash} << 32) | (static_cast<std::uint32_t>(row) + 1);
 }
-constexpr std::int32_t slotRow(std::uint64_t slot) { return static_cast<std::int32_t>(static_cast<std::uint32_t>(slot) - 1); }
+constexpr std::int32_t slotRow(std::uint64_t slot) {
+  return static_cast<std::int32_t>(static_cast<std::uint32_t>(slot) - 1);
+}
 constexpr std::uint32_t slotHashOf(std::uint64_t slot) { return static_cast<std::uint32_t>(slot >> 32); }
 
 std::uint64_t saturatingAdd(std::uint64_t a, std::uint64_t b) {
@@ -84,98 +80,47 @@ std::uint64_t saturatingAdd(std::uint64_t a, std::uint64_t b) {
   return sum;
 }
 
-
-bool sameText(TextView a, TextView b) { return sameUnits(a, b.data(), b.size()); }
-
-// Hash of a parent text, eight bytes at a time (parents are hashed whenever
-// the parent changes between consecutive records, so this is warm code).
-std::uint32_t parentHash(TextView text) {
-  const auto* bytes = reinterpret_cast<const unsigned char*>(text.data());
-  std::size_t left = text.size() * sizeof(Unit);
-  std::uint64_t h = 0x9E3779B97F4A7C15ull ^ left;
-  for (; left >= 8; left -= 8, bytes += 8) {
-    std::uint64_t word;
-    std::memcpy(&word, bytes, 8);
-    h = (h ^ word) * 0xFF51AFD7ED558CCDull;
-    h ^= h >> 32;
-  }
-  std::uint64_t tail = 0;
-  std::memcpy(&tail, bytes, left);
-  h = (h ^ tail) * 0xC4CEB9FE1A85EC53ull;
-  h ^= h >> 29;
-  return static_cast<std::uint32_t>(h);
-}
-
-// A growing array of plain values on malloc/realloc. Large blocks grow by
-// remapping instead of copying, so building a big catalog touches each page
-// about once, and the finished memory becomes a column's owned allocation
-// without another copy.
-template <class T>
-class GrowBuffer {
-  static_assert(std::is_trivially_copyable_v<T>);
-
+// The duplicate table's storage: zeroed slots in one block. Big tables ask
+// for large pages: every add probes a random slot, and address translation
+// is most of what such a probe costs.
+class SlotTable {
  public:
-  GrowBuffer() = default;
-  GrowBuffer(const GrowBuffer&) = delete;
-  GrowBuffer& operator=(const GrowBuffer&) = delete;
-  ~GrowBuffer() { std::free(data_); }
+  explicit SlotTable(std::size_t size) : size_(size) {
+    constexpr std::size_t kLargePage = std::size_t{2} << 20;
+    std::size_t bytes = size * sizeof(std::uint64_t);
+    void* block = nullptr;
+    if (bytes >= 2 * kLargePage) {
+      block = std::aligned_alloc(kLargePage, bytes);  // a power of two, so a multiple of the alignment
+      if (block) {
+        platform::adviseLargePages(block, bytes);
+        std::memset(block, 0, bytes);
+      }
+    } else {
+      block = std::calloc(size, sizeof(std::uint64_t));
+    }
+    if (!block) throw std::bad_alloc();
+    data_.reset(static_cast<std::uint64_t*>(block));
+  }
 
   std::size_t size() const noexcept { return size_; }
-  bool empty() const noexcept { return size_ == 0; }
-  T* data() noexcept { return data_; }
-  const T* data() const noexcept { return data_; }
-  T& operator[](std::size_t i) noexcept { return data_[i]; }
-  const T& operator[](std::size_t i) const noexcept { return data_[i]; }
-  const T* begin() const noexcept { return data_; }
-  const T* end() const noexcept { return data_ + size_; }
-
-  void push_back(T value) {
-    if (size_ == capacity_) reserve(size_ + 1);
-    data_[size_++] = value;
-  }
-  void append(const T* values, std::size_t count) {
-    if (size_ + count > capacity_) reserve(size_ + count);
-    if (count != 0) std::memcpy(data_ + size_, values, count * sizeof(T));
-    size_ += count;
-  }
-  void resize(std::size_t count, T value) {
-    if (count > capacity_) reserve(count);
-    for (std::size_t i = size_; i < count; ++i) data_[i] = value;
-    size_ = count;
-  }
-
-  Column<T> release() {
-    if (size_ != 0 && size_ < capacity_) {
-      if (void* shrunk = std::realloc(data_, size_ * sizeof(T))) data_ = static_cast<T*>(shrunk);
-    }
-    std::shared_ptr<const void> owner(data_, [](const void* p) { std::free(const_cast<void*>(p)); });
-    Column<T> column(data_, size_, std::move(owner));
-    data_ = nullptr;
-    size_ = capacity_ = 0;
-    return column;
-  }
+  std::uint64_t& operator[](std::size_t i) noexcept { return data_[i]; }
+  std::uint64_t operator[](std::size_t i) const noexcept { return data_[i]; }
 
  private:
-  void reserve(std::size_t needed) {
-    std::size_t capacity = std::max<std::size_t>({needed, capacity_ * 2, 4096 / sizeof(T)});
-    void* grown = std::realloc(data_, capacity * sizeof(T));
-    if (!grown) throw std::bad_alloc();
-    data_ = static_cast<T*>(grown);
-    capacity_ = capacity;
-  }
-
-  T* data_ = nullptr;
-  std::size_t size_ = 0;
-  std::size_t capacity_ = 0;
+  struct Free {
+    void operator()(std::uint64_t* p) const noexcept { std::free(p); }
+  };
+  std::unique_ptr<std::uint64_t[], Free> data_;
+  std::size_t size_;
 };
 
 }  // namespace
 
 struct CatalogBuilder::State {
-  PathFlavor pathFlavor;
-  bool inferAncestors;
+  PathFlavor pathFlavor = PathFlavor::posix;
+  bool inferAncestors = false;
   std::string sourceId;
-  bool directorySizes;
+  bool directorySizes = false;
   std::int32_t folders = 0;
 
   GrowBuffer<Unit> names;
@@ -197,28 +142,20 @@ struct CatalogBuilder::State {
   // Parent texts, packed as the catalog stores them: each followed by a NUL,
   // parentStarts holding every start and the running total.
   GrowBuffer<Unit> parentChars;
-  GrowBuffer<std::int32_t> parentStarts;  // starts with 0, see the constructor
+  GrowBuffer<std::int32_t> parentStarts;
   std::vector<std::uint32_t> parentHashes;
   std::vector<std::uint32_t> parentSlots = std::vector<std::uint32_t>(1024, 0);  // index + 1
   std::uint32_t lastParent = kNone;  // consecutive records usually share a parent
 
   std::unordered_map<std::int32_t, Text> irregular;
 
-  // declaredDirectories: folders by full path, with no text copies. An entry
-  // is a folder row (its text is parent text + name) or, while `finish`
-  // synthesises ancestors, a prefix of a stored parent text.
-  struct Declared {
-    std::int32_t row;     // >= 0: a folder row; -1: a prefix of a parent text
-    std::uint32_t parent; // for a prefix: the parent text it is cut from
-    std::uint32_t length; // for a prefix: its length in units
-    std::uint32_t hash;
-    bool walked;          // its ancestors were already walked by `finish`
-  };
-  std::vector<Declared> declared;
-  std::vector<std::uint32_t> declaredSlots;  // entry + 1
+  // The duplicate table. With ancestor inference it also answers which folder
+  // paths are declared: a folder row's key holds the folder bit.
+  SlotTable slots{kInitialSlots};
 
-  std::vector<std::uint64_t> slots = std::vector<std::uint64_t>(kInitialSlots, 0);  // see makeSlot
+  State() { parentStarts.push_back(0); }
 
+  std::int32_t count() const noexcept { return static_cast<std::int32_t>(parentTags.size()); }
   TextView parentText(std::uint32_t i) const noexcept {
     auto start = static_cast<std::size_t>(parentStarts[i]);
     auto end = static_cast<std::size_t>(parentStarts[i + 1]);
@@ -226,10 +163,13 @@ struct CatalogBuilder::State {
   }
   TextView nameOf(std::int32_t row) const noexcept {
     auto start = static_cast<std::size_t>(nameStarts[row]);
-    auto end = static_cast<std::size_t>(row + 1) < nameStarts.size() ? static_cast<std::size_t>(nameStarts[row + 1]) : names.size();
+    auto next = static_cast<std::size_t>(row) + 1;
+    auto end = next < nameStarts.size() ? static_cast<std::size_t>(nameStarts[next]) : names.size();
     return TextView(names.data() + start, end - start - 1);
   }
-  std::int32_t count() const noexcept { return static_cast<std::int32_t>(parentTags.size()); }
+  TextView parentOf(TextView path) const noexcept {
+    return path.substr(0, static_cast<std::size_t>(path_flavor::lastSeparator(pathFlavor, path) + 1));
+  }
 
   // ---- parent texts ----
 
@@ -245,7 +185,7 @@ struct CatalogBuilder::State {
 
   std::uint32_t lookupParent(TextView text) const noexcept {
     if (lastParent != kNone && sameText(parentText(lastParent), text)) return lastParent;
-    return findParent(text, parentHash(text));
+    return findParent(text, textHash(text));
   }
 
   void placeParent(std::uint32_t index) noexcept {
@@ -257,7 +197,7 @@ struct CatalogBuilder::State {
 
   std::uint32_t internParent(TextView text) {
     if (lastParent != kNone && sameText(parentText(lastParent), text)) return lastParent;
-    std::uint32_t hash = parentHash(text);
+    std::uint32_t hash = textHash(text);
     std::uint32_t index = findParent(text, hash);
     if (index == kNone) {
       std::size_t parentCount = parentHashes.size();
@@ -300,13 +240,32 @@ struct CatalogBuilder::State {
     }
   }
 
+  // The row that `add` would refuse for this path and folder flag, or -1.
+  std::int32_t findRow(TextView path, bool folder) const noexcept {
+    TextView parent = parentOf(path);
+    std::uint32_t index = lookupParent(parent);
+    if (index == kNone) return -1;
+    TextView name = path.substr(parent.size());
+    std::uint32_t key = keyOf(index | (folder ? kFolderBit : 0));
+    bool found = false;
+    std::size_t i = probe(name, key, slotHash(name, key), found);
+    return found ? slotRow(slots[i]) : -1;
+  }
+
+  // The folder row whose full path is `path`, or -1.
+  std::int32_t findFolder(TextView path) const noexcept {
+    std::int32_t row = findRow(path, /*folder=*/true);
+    return row >= 0 && (parentTags[row] & kFolderBit) ? row : -1;
+  }
+
   // Doubles the table. Entries are moved in table order, which keeps both the
   // reads and the writes close to sequential.
   void growSlots() {
-    std::vector<std::uint64_t> old(slots.size() * 2, 0);
-    old.swap(slots);
+    SlotTable old(slots.size() * 2);
+    std::swap(old, slots);
     std::size_t mask = slots.size() - 1;
-    for (std::uint64_t slot : old) {
+    for (std::size_t j = 0; j < old.size(); ++j) {
+      std::uint64_t slot = old[j];
       if (slot == 0) continue;
       std::size_t i = slotHashOf(slot) & mask;
       while (slots[i] != 0) i = (i + 1) & mask;
@@ -314,72 +273,9 @@ struct CatalogBuilder::State {
     }
   }
 
-  // ---- declared folders ----
-
-  std::uint32_t insertDeclared(const Declared& entry) {
-    if (declaredSlots.size() <= 2 * (declared.size() + 1)) {
-      declaredSlots.assign(std::max<std::size_t>(1024, declaredSlots.size() * 2), 0);
-      for (std::uint32_t e = 0; e < declared.size(); ++e) placeDeclared(e);
-    }
-    declared.push_back(entry);
-    auto index = static_cast<std::uint32_t>(declared.size() - 1);
-    placeDeclared(index);
-    return index;
-  }
-
-  void placeDeclared(std::uint32_t index) noexcept {
-    std::size_t mask = declaredSlots.size() - 1;
-    std::size_t i = declared[index].hash & mask;
-    while (declaredSlots[i] != 0) i = (i + 1) & mask;
-    declaredSlots[i] = index + 1;
-  }
-
-  void declareFolderRow(std::int32_t row, TextView parent, TextView name) {
-    UnitHash h;
-    h.add(parent);
-    h.add(name);
-    std::uint32_t hash = h.value();
-    if (findDeclared(parent, name, hash) != kNone) return;
-    insertDeclared(Declared{row, 0, 0, hash, false});
-  }
-
-  // The entry whose text is first + second, compared without joining them.
-  std::uint32_t findDeclared(TextView first, TextView second, std::uint32_t hash) const noexcept {
-    if (declaredSlots.empty()) return kNone;
-    std::size_t mask = declaredSlots.size() - 1;
-    std::size_t total = first.size() + second.size();
-    for (std::size_t i = hash & mask;; i = (i + 1) & mask) {
-      std::uint32_t slot = declaredSlots[i];
-      if (slot == 0) return kNone;
-      const Declared& entry = declared[slot - 1];
-      if (entry.hash != hash) continue;
-      TextView a, b;
-      if (entry.row < 0) {
-        a = parentText(entry.parent).substr(0, entry.length);
-      } else {
-        a = parentText(parentTags[entry.row] & kIndexMask);
-        b = nameOf(entry.row);
-      }
-      if (a.size() + b.size() != total) continue;
-      if (piecesEqual(a, b, first, second)) return slot - 1;
-    }
-  }
-
-  // Whether the concatenations a+b and c+d (of equal total length) are equal.
-  static bool piecesEqual(TextView a, TextView b, TextView c, TextView d) noexcept {
-    std::size_t total = a.size() + b.size();
-    for (std::size_t i = 0; i < total; ++i) {
-      Unit x = i < a.size() ? a[i] : b[i - a.size()];
-      Unit y = i < c.size() ? c[i] : d[i - c.size()];
-      if (x != y) return false;
-    }
-    return true;
-  }
-
   // ---- finish ----
 
   void synthesiseAncestors(CatalogBuilder& owner);
-  class FolderPaths;
   void deriveFolderSizes();
 };
 
@@ -389,33 +285,20 @@ CatalogBuilder::CatalogBuilder(std::string sourceId, PathFlavor pathFlavor, bool
   state_->inferAncestors = inferAncestors;
   state_->sourceId = std::move(sourceId);
   state_->directorySizes = directorySizes;
-  state_->parentStarts.push_back(0);
 }
 
 CatalogBuilder::~CatalogBuilder() = default;
 CatalogBuilder::CatalogBuilder(CatalogBuilder&&) noexcept = default;
 CatalogBuilder& CatalogBuilder::operator=(CatalogBuilder&&) noexcept = default;
 
-bool CatalogBuilder::contains(TextView path, bool folder) const {
-  const State& s = *state_;
-  auto separator = path_flavor::lastSeparator(s.pathFlavor, path);
-  TextView parent = path.substr(0, static_cast<std::size_t>(separator + 1));
-  TextView name = path.substr(static_cast<std::size_t>(separator + 1));
-  std::uint32_t index = s.lookupParent(parent);
-  if (index == kNone) return false;
-  std::uint32_t key = s.keyOf(index | (folder ? kFolderBit : 0));
-  bool found = false;
-  s.probe(name, key, slotHash(name, key), found);
-  return found;
-}
+bool CatalogBuilder::contains(TextView path, bool folder) const { return state_->findRow(path, folder) >= 0; }
 
 bool CatalogBuilder::add(TextView path, bool folder, std::uint64_t size, std::uint64_t modified, std::uint64_t created,
                          const std::optional<Text>& irregularExtension, std::uint8_t kind, std::uint64_t allocated,
                          std::optional<std::uint64_t> device) {
   State& s = *state_;
-  auto separator = path_flavor::lastSeparator(s.pathFlavor, path);
-  TextView parent = path.substr(0, static_cast<std::size_t>(separator + 1));
-  TextView name = path.substr(static_cast<std::size_t>(separator + 1));
+  TextView parent = s.parentOf(path);
+  TextView name = path.substr(parent.size());
 
   std::uint32_t parentIndex = s.internParent(parent);
   std::uint32_t tag = parentIndex | (folder ? kFolderBit : 0);
@@ -438,16 +321,16 @@ bool CatalogBuilder::add(TextView path, bool folder, std::uint64_t size, std::ui
   s.sizes.push_back(folder && !s.directorySizes ? kUnknown64 : size);
   s.modified.push_back(modified);
   if (!s.inferAncestors) s.kinds.push_back(kind);
-  auto rowCount = static_cast<std::size_t>(row);
+  auto earlierRows = static_cast<std::size_t>(row);
   if (created != kUnknown64 && !s.anyCreated) {
     s.anyCreated = true;
-    s.created.resize(rowCount, kUnknown64);
+    s.created.resize(earlierRows, kUnknown64);
   }
   if (s.anyCreated) s.created.push_back(created);
   if (folder) allocated = kUnknown64;
   if (allocated != kUnknown64 && !s.anyAllocated) {
     s.anyAllocated = true;
-    s.allocated.resize(rowCount, kUnknown64);
+    s.allocated.resize(earlierRows, kUnknown64);
   }
   if (s.anyAllocated) s.allocated.push_back(allocated);
 
@@ -466,10 +349,10 @@ bool CatalogBuilder::add(TextView path, bool folder, std::uint64_t size, std::ui
       s.lastDevice = *device;
       s.lastDeviceId = deviceId;
     }
-  }
-  if (device && !s.anyDevice) {
-    s.anyDevice = true;
-    s.deviceIds.resize(rowCount, kNoDevice);
+    if (!s.anyDevice) {
+      s.anyDevice = true;
+      s.deviceIds.resize(earlierRows, kNoDevice);
+    }
   }
   if (s.anyDevice) s.deviceIds.push_back(deviceId);
 
@@ -477,19 +360,39 @@ bool CatalogBuilder::add(TextView path, bool folder, std::uint64_t size, std::ui
 
   s.slots[slot] = makeSlot(hash, row);
   count_ = row + 1;
-  if (folder) {
-    ++s.folders;
-    if (s.inferAncestors) s.declareFolderRow(row, s.parentText(parentIndex), name);
-  }
+  if (folder) ++s.folders;
   return true;
 }
 
 // Every parent text, in order of first appearance, is walked up to its
-// outermost folder; each folder path nobody declared is queued, so ancestors
-// follow all real records, deepest first per parent. A text already walked has
-// had its whole chain walked, so the walk stops there without changing the result.
+// outermost folder; each folder path that no folder row declares is queued,
+// so ancestors follow all real records, deepest first per parent. A folder
+// already walked has had its whole chain walked, so the walk stops there
+// without changing the result.
 void CatalogBuilder::State::synthesiseAncestors(CatalogBuilder& owner) {
-  std::vector<std::uint32_t> missing;
+  // Queued folders are prefixes of parent texts: (parent index, length).
+  struct Queued {
+    std::uint32_t parent, length, hash;
+  };
+  std::vector<Queued> missing;
+  std::vector<std::uint32_t> missingSlots(1024, 0);  // entry + 1
+  auto findMissing = [&](TextView text, std::uint32_t hash) {
+    std::size_t mask = missingSlots.size() - 1;
+    for (std::size_t i = hash & mask;; i = (i + 1) & mask) {
+      std::uint32_t slot = missingSlots[i];
+      if (slot == 0) return false;
+      const Queued& q = missing[slot - 1];
+      if (q.hash == hash && sameText(parentText(q.parent).substr(0, q.length), text)) return true;
+    }
+  };
+  auto place = [&](std::uint32_t entry) {
+    std::size_t mask = missingSlots.size() - 1;
+    std::size_t i = missing[entry].hash & mask;
+    while (missingSlots[i] != 0) i = (i + 1) & mask;
+    missingSlots[i] = entry + 1;
+  };
+  std::vector<std::uint8_t> walked(static_cast<std::size_t>(count()), 0);
+
   auto parentCount = static_cast<std::uint32_t>(parentHashes.size());
   for (std::uint32_t p = 0; p < parentCount; ++p) {
     TextView text = parentText(p);
@@ -498,14 +401,18 @@ void CatalogBuilder::State::synthesiseAncestors(CatalogBuilder& owner) {
       if (length > 0 && isAnySeparator(text[length - 1])) --length;
       if (length == 0) break;
       TextView folder = text.substr(0, length);
-      std::uint32_t hash = hashOf(folder);
-      std::uint32_t entry = findDeclared(folder, {}, hash);
-      if (entry != kNone) {
-        if (declared[entry].walked) break;
-        declared[entry].walked = true;
+      std::uint32_t hash = textHash(folder);
+      if (findMissing(folder, hash)) break;  // queued folders were walked when queued
+      if (std::int32_t row = findFolder(folder); row >= 0) {
+        if (walked[static_cast<std::size_t>(row)]) break;
+        walked[static_cast<std::size_t>(row)] = 1;
       } else {
-        entry = insertDeclared(Declared{-1, p, static_cast<std::uint32_t>(length), hash, true});
-        missing.push_back(entry);
+        if (missingSlots.size() <= 2 * (missing.size() + 1)) {
+          missingSlots.assign(missingSlots.size() * 2, 0);
+          for (std::uint32_t e = 0; e < missing.size(); ++e) place(e);
+        }
+        missing.push_back(Queued{p, static_cast<std::uint32_t>(length), hash});
+        place(static_cast<std::uint32_t>(missing.size() - 1));
       }
       std::size_t cut = length;
       while (cut > 0 && !isAnySeparator(folder[cut - 1])) --cut;
@@ -514,53 +421,13 @@ void CatalogBuilder::State::synthesiseAncestors(CatalogBuilder& owner) {
     }
   }
   Text path;
-  for (std::uint32_t entry : missing) {
-    // Copied: adding may append parent texts and move the storage.
-    path.assign(parentText(declared[entry].parent).substr(0, declared[entry].length));
+  for (const Queued& q : missing) {
+    // Copied: adding may append parent texts and move their storage.
+    path.assign(parentText(q.parent).substr(0, q.length));
     owner.add(path, /*folder=*/true, kUnknown64, kUnknown64, kUnknown64, std::nullopt, /*kind=*/0, kUnknown64,
               std::nullopt);
   }
 }
-
-// Folder rows by full path (parent text + name), for the size derivation.
-class CatalogBuilder::State::FolderPaths {
- public:
-  explicit FolderPaths(const State& s) : s_(s) {
-    std::size_t folders = static_cast<std::size_t>(s.folders);
-    std::size_t size = 16;
-    while (size <= 2 * folders) size *= 2;
-    slots_.assign(size, 0);
-    hashes_.assign(static_cast<std::size_t>(s.count()), 0);
-    for (std::int32_t row = 0; row < s.count(); ++row) {
-      if (!(s.parentTags[row] & kFolderBit)) continue;
-      UnitHash h;
-      h.add(s.parentText(s.parentTags[row] & kIndexMask));
-      h.add(s.nameOf(row));
-      hashes_[row] = h.value();
-      std::size_t i = hashes_[row] & (slots_.size() - 1);
-      while (slots_[i] != 0) i = (i + 1) & (slots_.size() - 1);
-      slots_[i] = static_cast<std::uint32_t>(row) + 1;
-    }
-  }
-
-  // The folder row whose path is `path`, or -1.
-  std::int32_t find(TextView path) const {
-    std::uint32_t hash = hashOf(path);
-    for (std::size_t i = hash & (slots_.size() - 1);; i = (i + 1) & (slots_.size() - 1)) {
-      if (slots_[i] == 0) return -1;
-      auto row = static_cast<std::int32_t>(slots_[i] - 1);
-      if (hashes_[row] != hash) continue;
-      TextView parent = s_.parentText(s_.parentTags[row] & kIndexMask);
-      TextView name = s_.nameOf(row);
-      if (path.size() == parent.size() + name.size() && piecesEqual(parent, name, path, {})) return row;
-    }
-  }
-
- private:
-  const State& s_;
-  std::vector<std::uint32_t> slots_;
-  std::vector<std::uint32_t> hashes_;
-};
 
 // Folder sizes are the sum of the file sizes below each folder. Files add
 // into their parent text; parent texts are then visited longest first, so a
@@ -585,8 +452,11 @@ void CatalogBuilder::State::deriveFolderSizes() {
       totals[parent] = saturatingAdd(totals[parent], sizes[row]);
     }
   }
-  FolderPaths folderPaths(*this);
   auto isRoot = [&](TextView text) { return text.size() == 1 && path_flavor::isSeparator(pathFlavor, text[0]); };
+  auto ownerOf = [&](TextView text) {
+    TextView folder = path_flavor::trimParent(pathFlavor, text);
+    return folder.empty() || isRoot(folder) ? -1 : findFolder(folder);
+  };
 
   std::vector<std::uint32_t> order(parentCount);
   std::iota(order.begin(), order.end(), 0u);
@@ -598,19 +468,19 @@ void CatalogBuilder::State::deriveFolderSizes() {
     if (amount == 0) continue;
     TextView text = parentText(p);
     std::int32_t owner = ownerWithEmptyName[p];
-    if (owner < 0 && !isRoot(text)) owner = folderPaths.find(path_flavor::trimParent(pathFlavor, text));
+    if (owner < 0) owner = ownerOf(text);
     // Walk up past texts that are neither stored nor owned by a listed folder.
     while (owner < 0) {
       TextView folder = path_flavor::trimParent(pathFlavor, text);
-      if (isRoot(folder)) break;
+      if (folder.empty() || isRoot(folder)) break;
       auto separator = path_flavor::lastSeparator(pathFlavor, folder);
       if (separator < 0) break;
       text = folder.substr(0, static_cast<std::size_t>(separator + 1));
-      if (std::uint32_t stored = findParent(text, parentHash(text)); stored != kNone) {
+      if (std::uint32_t stored = findParent(text, textHash(text)); stored != kNone) {
         totals[stored] = saturatingAdd(totals[stored], amount);
         break;
       }
-      if (!isRoot(text)) owner = folderPaths.find(path_flavor::trimParent(pathFlavor, text));
+      owner = ownerOf(text);
     }
     if (owner < 0) continue;
     sizes[owner] = saturatingAdd(sizes[owner], amount);
