@@ -52,6 +52,10 @@ int dispatch(Invocation& invocation) {
   // "--config" may stand anywhere, so it goes before the command word is read.
   std::optional<std::string> given = invocation.arguments.take("--config");
   invocation.config = configurationLocation(given, settings);
+  // "--compatibility FILE" is global too. The table lookup reads it from the
+  // whole command line; removing it here keeps it out of the query and out of
+  // the unknown-option check, so it works with every command.
+  (void)invocation.arguments.take("--compatibility");
 
   std::optional<std::string> command = invocation.arguments.popFront();
   if (!command || *command == "help" || *command == "--help" || *command == "-h") {

@@ -282,6 +282,11 @@ TEST_F(TarvCommand, CompatibilityTableProblemsAreReported) {
   ProcessResult result = tarv({"status", "--compatibility", bad.string()});
   EXPECT_EQ(result.status, 2);
   EXPECT_EQ(result.err, "tarv: Compatibility table missing: search\n");
+  // The option is global: with search it names the table and never reaches
+  // the query or the unknown-option check.
+  result = tarv({"search", "x", "--compatibility", bad.string()});
+  EXPECT_EQ(result.status, 2);
+  EXPECT_EQ(result.err, "tarv: Compatibility table missing: search\n");
 
   ProcessOptions custom = options();
   custom.env["TARV_COMPATIBILITY"] = (dir_ / "absent-table.json").string();
