@@ -99,7 +99,11 @@ class Query {
   bool matches(std::int32_t row) const;
 
   // Parses `query` with a fresh parser (the `and` level) and returns the root.
-  static TermPtr parse(TextView query, const Compatibility& compatibility, PathFlavor pathFlavor);
+  // `moment` fixes the present for date keywords and local offsets; a search
+  // over several sources should read Moment::now() once and pass it to each,
+  // so that "today" means the same day everywhere. Absent: the real clock.
+  static TermPtr parse(TextView query, const Compatibility& compatibility, PathFlavor pathFlavor,
+                       std::optional<Moment> moment = std::nullopt);
 
   // Sets `sizeFolders` on `root` and every term below it.
   static void markSizeSemantics(Term& root, bool directorySizes);

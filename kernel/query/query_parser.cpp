@@ -1,5 +1,6 @@
 #include "kernel/query/query_parser.h"
 
+#include <algorithm>
 #include <deque>
 #include <string_view>
 #include <unordered_map>
@@ -560,6 +561,7 @@ Query::Parser::Parser(TextView query, const Compatibility& compatibility_, PathF
     : input(query), compatibility(compatibility_), pathFlavor(pathFlavor_) {}
 
 TermPtr Query::Parser::run(Level level) {
+  position = std::min(position, input.size());
   Machine machine(*this);
   return machine.run(level);
 }
@@ -569,6 +571,7 @@ TermPtr Query::Parser::parseOr() { return run(Level::orLevel); }
 TermPtr Query::Parser::parseUnary() { return run(Level::unaryLevel); }
 
 Text Query::Parser::readToken() {
+  position = std::min(position, input.size());
   Machine machine(*this);
   Machine::Context context{input, position, false};
   Text token(machine.readToken(context).units);
@@ -596,8 +599,10 @@ const Query::Moment& Query::Parser::currentMoment() {
   return *moment;
 }
 
-TermPtr Query::parse(TextView query, const Compatibility& compatibility, PathFlavor pathFlavor) {
+TermPtr Query::parse(TextView query, const Compatibility& compatibility, PathFlavor pathFlavor,
+                     std::optional<Moment> moment) {
   Parser parser(query, compatibility, pathFlavor);
+  parser.moment = moment;
   return parser.parseAnd();
 }
 
