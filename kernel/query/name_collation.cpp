@@ -1,0 +1,27 @@
+#include "kernel/query/name_collation.h"
+
+#include <algorithm>
+#include <vector>
+
+namespace tarv::name_collation {
+
+PrefixCodes::PrefixCodes(const Compatibility& compatibility) {
+  // Sort every unit by (weight, unit != 0) and number the distinct pairs.
+  const auto& order = compatibility.orderTable();
+  std::vector<std::uint64_t> pairs(65536);
+  for (std::uint32_t u = 0; u < 65536; ++u) {
+    const std::uint64_t w = weight1(order, static_cast<Unit>(u));
+    pairs[u] = (w << 17 | (u != 0 ? 1u << 16 : 0u)) << 16 | u;
+  }
+  std::sort(pairs.begin(), pairs.end());
+  std::uint32_t code = 0;
+  std::uint64_t previous = ~std::uint64_t(0);
+  for (std::uint64_t p : pairs) {
+    const std::uint64_t pair = p >> 16;
+    if (previous != ~std::uint64_t(0) && pair != previous) ++code;
+    previous = pair;
+    codes_[p & 0xFFFF] = static_cast<std::uint16_t>(code);
+  }
+}
+
+}  // namespace tarv::name_collation

@@ -1,0 +1,221 @@
+#include "kernel/query/row_order.h"
+
+#include <algorithm>
+#include <bit>
+#include <limits>
+
+#include "kernel/query/name_collation.h"
+#include "kernel/query/parallel.h"
+#include "kernel/query/parallel_sort.h"
+#include "kernel/query/radix_order.h"
+
+namespace tarv {
+namespace {
+
+// Unsigned order with the unknown value (all ones) below every known value.
+int compareUnknownFirst(std::uint64_t x, std::uint64_t y) noexcept {
+  x += 1;  // all ones wraps to 0
+  y += 1;
+  return x < y ? -1 : x > y ? 1 : 0;
+}
+
+int bitWidth(std::uint64_t x) noexcept { return x == 0 ? 0 : 64 - std::countl_zero(x); }
+
+const Column<std::uint64_t>* valueColumn(const Catalog& catalog, SortKey key) noexcept {
+  const auto& p = catalog.parts();
+  switch (key) {
+    case SortKey::size: return &p.sizes;
+    case SortKey::modified: return &p.modifiedTimes;
+    case SortKey::created: return p.createdTimes ? &*p.createdTimes : nullptr;
+    case SortKey::allocated: return p.allocations ? &*p.allocations : nullptr;
+    default: return nullptr;
+  }
+}
+
+}  // namespace
+
+int RowOrder::compareKey(std::int32_t a, std::int32_t b, SortKey key) const noexcept {
+  const bool fa = catalog_.isDirectory(a);
+  const bool fb = catalog_.isDirectory(b);
+  if (fa != fb) return fa ? -1 : 1;
+  switch (key) {
+    case SortKey::path: {
+      const auto ra = parentRank(a), rb = parentRank(b);
+      return ra < rb ? -1 : ra > rb ? 1 : 0;
+    }
+    case SortKey::size:
+    case SortKey::modified:
+    case SortKey::created:
+    case SortKey::allocated: {
+      const Column<std::uint64_t>* column = valueColumn(catalog_, key);
+      if (column == nullptr) return 0;  // the catalog lacks the column: the step is skipped
+      return compareUnknownFirst((*column)[static_cast<std::size_t>(a)], (*column)[static_cast<std::size_t>(b)]);
+    }
+    case SortKey::device: {
+      const Text* la = catalog_.deviceLabel(a);
+      const Text* lb = catalog_.deviceLabel(b);
+      if (la == nullptr || lb == nullptr) return la == lb ? 0 : la == nullptr ? -1 : 1;
+      return compatibility_.compareNames(*la, *lb);
+    }
+    case SortKey::name:
+    case SortKey::none: return 0;
+  }
+  return 0;
+}
+
+int RowOrder::compareTieBreak(std::int32_t a, std::int32_t b) const noexcept {
+  const TextView na = catalog_.nameUnits(a);
+  const TextView nb = catalog_.nameUnits(b);
+  if (int r = name_collation::level1(compatibility_.orderTable(), na, nb)) return r;
+  const auto ra = parentRank(a), rb = parentRank(b);
+  if (ra != rb) return ra < rb ? -1 : 1;
+  if (int r = name_collation::level2(compatibility_.letterCaseTable(), na, nb)) return r;
+  if (int r = name_collation::level3(na, nb)) return r;
+  return a < b ? -1 : a > b ? 1 : 0;
+}
+
+int RowOrder::compare(std::int32_t a, std::int32_t b, SortSpec spec) const noexcept {
+  int r = compareKey(a, b, spec.key);
+  if (r == 0) r = compareTieBreak(a, b);
+  return spec.descending ? -r : r;
+}
+
+std::vector<std::int32_t> RowOrder::labelRanks(const Catalog& catalog, const Compatibility& compatibility) {
+  const auto& labels = catalog.parts().deviceLabels;
+  std::vector<std::int32_t> ranks(labels.size(), 0);
+  std::vector<std::int32_t> present;
+  for (std::size_t id = 0; id < labels.size(); ++id)
+    if (labels[id]) present.push_back(static_cast<std::int32_t>(id));
+  std::sort(present.begin(), present.end(), [&](std::int32_t x, std::int32_t y) {
+    const int r = compatibility.compareNames(*labels[static_cast<std::size_t>(x)], *labels[static_cast<std::size_t>(y)]);
+    return r != 0 ? r < 0 : x < y;
+  });
+  std::int32_t rank = 0;
+  for (std::size_t i = 0; i < present.size(); ++i) {
+    const auto id = static_cast<std::size_t>(present[i]);
+    if (i == 0 || compatibility.compareNames(*labels[static_cast<std::size_t>(present[i - 1])], *labels[id]) != 0)
+      ++rank;
+    ranks[id] = rank;
+  }
+  return ranks;
+}
+
+std::int32_t RowOrder::rowLabelRank(const Catalog& catalog, std::span<const std::int32_t> labelRanks,
+                                    std::int32_t row) noexcept {
+  const std::uint16_t id = catalog.deviceId(row);
+  if (id == kNoDevice || id >= labelRanks.size()) return 0;
+  return labelRanks[id];
+}
+
+std::vector<std::int32_t> RowOrder::tieBreakOrder(const Catalog& catalog, const Compatibility& compatibility,
+                                                  std::span<const std::int32_t> parentRanks) {
+  struct Item {
+    std::uint64_t key;
+    std::int32_t row;
+    std::int32_t rank;
+  };
+  const std::int32_t n = catalog.count();
+  const name_collation::PrefixCodes codes(compatibility);
+  std::vector<Item> items(static_cast<std::size_t>(n));
+  Parallel::chunks(n, 1, 1 << 15, [&](std::int64_t begin, std::int64_t end) {
+    for (auto i = begin; i < end; ++i) {
+      const auto row = static_cast<std::int32_t>(i);
+      items[static_cast<std::size_t>(i)] = {codes.key(catalog.nameUnits(row)), row,
+                                            parentRanks[catalog.parentIndex(row)]};
+    }
+  });
+  const auto& order = compatibility.orderTable();
+  const auto& letterCase = compatibility.letterCaseTable();
+  parallelSort(items, [&](const Item& x, const Item& y) {
+    if (x.key != y.key) return x.key < y.key;
+    const TextView a = catalog.nameUnits(x.row);
+    const TextView b = catalog.nameUnits(y.row);
+    // Equal keys: the first four units tie at level 1 unless a name ended or
+    // held a NUL among them, in which case level 1 is decided as equal.
+    int r = 0;
+    if (a.size() >= 4 && a[0] != 0 && a[1] != 0 && a[2] != 0 && a[3] != 0)
+      r = name_collation::level1(order, a.substr(4), b.substr(4));
+    if (r != 0) return r < 0;
+    if (x.rank != y.rank) return x.rank < y.rank;
+    r = name_collation::level2(letterCase, a, b);
+    if (r == 0) r = name_collation::level3(a, b);
+    if (r != 0) return r < 0;
+    return x.row < y.row;
+  });
+  std::vector<std::int32_t> rows(static_cast<std::size_t>(n));
+  Parallel::chunks(n, 1, 1 << 15, [&](std::int64_t begin, std::int64_t end) {
+    for (auto i = begin; i < end; ++i) rows[static_cast<std::size_t>(i)] = items[static_cast<std::size_t>(i)].row;
+  });
+  return rows;
+}
+
+std::vector<std::int32_t> RowOrder::orderFrom(const Catalog& catalog, std::span<const std::int32_t> tieBreak,
+                                              SortKey key, std::span<const std::int32_t> parentRanks,
+                                              std::span<const std::int32_t> labelRanks) {
+  const auto& tags = catalog.parts().parentTags;
+  // Folders (bit 31 set) form group 0 and files group 1.
+  auto fileBit = [&](std::int32_t row) -> std::uint64_t { return (tags[static_cast<std::size_t>(row)] >> 31) ^ 1u; };
+
+  if (key == SortKey::path) {
+    const int bits = bitWidth(parentRanks.empty() ? 0 : parentRanks.size() - 1);
+    return radixOrder(tieBreak, bits + 1, [&](std::int32_t row) {
+      return fileBit(row) << bits | static_cast<std::uint64_t>(parentRanks[catalog.parentIndex(row)]);
+    });
+  }
+  if (key == SortKey::device) {
+    std::int32_t top = 0;
+    for (auto r : labelRanks) top = std::max(top, r);
+    const int bits = bitWidth(static_cast<std::uint64_t>(top));
+    return radixOrder(tieBreak, bits + 1, [&](std::int32_t row) {
+      return fileBit(row) << bits | static_cast<std::uint64_t>(rowLabelRank(catalog, labelRanks, row));
+    });
+  }
+  const Column<std::uint64_t>* column = valueColumn(catalog, key);
+  if (column == nullptr) return radixOrder(tieBreak, 1, fileBit);  // name, none, or a missing column
+
+  // The range of known values decides how many bits the passes must cover.
+  const std::int64_t n = static_cast<std::int64_t>(column->size());
+  const Parallel::Plan plan = Parallel::plan(n, 1, 1 << 16);
+  std::vector<std::uint64_t> lows(static_cast<std::size_t>(plan.chunks), kUnknown64);
+  std::vector<std::uint64_t> highs(static_cast<std::size_t>(plan.chunks), 0);
+  std::vector<char> anyKnown(static_cast<std::size_t>(plan.chunks), 0);
+  Parallel::chunks(n, 1, 1 << 16, [&](std::int64_t begin, std::int64_t end) {
+    const auto c = static_cast<std::size_t>(plan.length == 0 ? 0 : begin / plan.length);
+    std::uint64_t lo = kUnknown64, hi = 0;
+    bool known = false;
+    for (auto i = begin; i < end; ++i) {
+      const std::uint64_t v = (*column)[static_cast<std::size_t>(i)];
+      if (v == kUnknown64) continue;
+      known = true;
+      lo = std::min(lo, v);
+      hi = std::max(hi, v);
+    }
+    lows[c] = lo;
+    highs[c] = hi;
+    anyKnown[c] = known;
+  });
+  std::uint64_t low = kUnknown64, high = 0;
+  bool known = false;
+  for (std::size_t c = 0; c < lows.size(); ++c) {
+    if (!anyKnown[c]) continue;
+    known = true;
+    low = std::min(low, lows[c]);
+    high = std::max(high, highs[c]);
+  }
+  if (!known) return radixOrder(tieBreak, 1, fileBit);
+  const int bits = bitWidth(high - low);
+  if (bits <= 62) {
+    // (file, known) in the two top bits, the offset from the lowest known value below.
+    return radixOrder(tieBreak, bits + 2, [&](std::int32_t row) {
+      const std::uint64_t v = (*column)[static_cast<std::size_t>(row)];
+      const bool isKnown = v != kUnknown64;
+      return (fileBit(row) << 1 | (isKnown ? 1u : 0u)) << bits | (isKnown ? v - low : 0);
+    });
+  }
+  // Values spread over nearly all 64 bits: sort by value (unknown wrapping to
+  // 0), then stably by folder.
+  auto byValue = radixOrder(tieBreak, 64, [&](std::int32_t row) { return (*column)[static_cast<std::size_t>(row)] + 1; });
+  return radixOrder(byValue, 1, fileBit);
+}
+
+}  // namespace tarv
