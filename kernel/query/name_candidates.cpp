@@ -1,0 +1,126 @@
+#include "kernel/query/name_candidates.h"
+
+#include <algorithm>
+
+#include "kernel/query/name_collation.h"
+#include "kernel/query/parallel.h"
+#include "kernel/query/parallel_sort.h"
+
+namespace tarv {
+
+NameCandidates::NameCandidates(CatalogPtr catalog, std::shared_ptr<const Compatibility> compatibility,
+                               Column<std::int32_t> nameOrder, Column<std::int32_t> reverseOrder,
+                               Column<std::int32_t> nulNames)
+    : catalog_(std::move(catalog)),
+      compatibility_(std::move(compatibility)),
+      nameOrder_(std::move(nameOrder)),
+      reverseOrder_(std::move(reverseOrder)),
+      nulNames_(std::move(nulNames)),
+      prefixClassesCompatible_(classesCompatible(*compatibility_)) {}
+
+bool NameCandidates::classesCompatible(const Compatibility& compatibility) {
+  const auto& order = compatibility.orderTable();
+  const auto& search = compatibility.searchTable();
+  // The one folded value seen for each level-1 weight (surrogates included).
+  std::vector<std::int32_t> foldOfWeight(65536 * 2, -1);
+  const std::uint32_t nulWeight = name_collation::weight1(order, 0);
+  for (std::uint32_t u = 0; u < 65536; ++u) {
+    const auto unit = static_cast<Unit>(u);
+    const std::uint32_t w = name_collation::weight1(order, unit);
+    if (w != name_collation::weight1(order, static_cast<Unit>(search[u]))) return false;
+    std::int32_t& seen = foldOfWeight[w];
+    if (seen >= 0 && seen != search[u]) return false;
+    seen = search[u];
+    if (u != 0 && w <= nulWeight) return false;
+  }
+  return true;
+}
+
+std::optional<std::array<NameCandidates::Range, 2>> NameCandidates::prefixRanges(TextView prefix) const noexcept {
+  if (!prefixClassesCompatible_ || prefix.find(Unit(0)) != TextView::npos) return std::nullopt;
+  const auto& order = compatibility_->orderTable();
+  const Catalog& c = *catalog_;
+  // <0: the name sorts before every name with the prefix; 0: it has the prefix.
+  auto place = [&](std::int32_t row) {
+    const TextView name = c.nameUnits(row);
+    for (std::size_t i = 0; i < prefix.size(); ++i) {
+      if (i >= name.size()) return -1;
+      const auto wn = name_collation::weight1(order, name[i]);
+      const auto wp = name_collation::weight1(order, prefix[i]);
+      if (wn != wp) return wn < wp ? -1 : 1;
+    }
+    return 0;
+  };
+  std::array<Range, 2> out;
+  const std::int64_t folders = c.folderCount();
+  const std::int64_t bounds[3] = {0, folders, static_cast<std::int64_t>(nameOrder_.size())};
+  for (int part = 0; part < 2; ++part) {
+    const std::int32_t* first = nameOrder_.data() + bounds[part];
+    const std::int32_t* last = nameOrder_.data() + bounds[part + 1];
+    const std::int32_t* lo = std::partition_point(first, last, [&](std::int32_t row) { return place(row) < 0; });
+    const std::int32_t* hi = std::partition_point(lo, last, [&](std::int32_t row) { return place(row) == 0; });
+    out[part] = {lo - nameOrder_.data(), hi - nameOrder_.data()};
+  }
+  return out;
+}
+
+NameCandidates::Range NameCandidates::suffixRange(TextView suffix) const noexcept {
+  const Catalog& c = *catalog_;
+  const Compatibility& t = *compatibility_;
+  auto place = [&](std::int32_t row) {
+    const TextView name = c.nameUnits(row);
+    for (std::size_t j = 0; j < suffix.size(); ++j) {
+      if (j >= name.size()) return -1;
+      const Unit a = t.fold(name[name.size() - 1 - j]);
+      const Unit s = suffix[suffix.size() - 1 - j];
+      if (a != s) return a < s ? -1 : 1;
+    }
+    return 0;
+  };
+  const std::int32_t* first = reverseOrder_.data();
+  const std::int32_t* last = first + reverseOrder_.size();
+  const std::int32_t* lo = std::partition_point(first, last, [&](std::int32_t row) { return place(row) < 0; });
+  const std::int32_t* hi = std::partition_point(lo, last, [&](std::int32_t row) { return place(row) == 0; });
+  return {lo - first, hi - first};
+}
+
+int NameCandidates::compareReversed(const Compatibility& compatibility, TextView a, TextView b) noexcept {
+  const std::size_t shared = std::min(a.size(), b.size());
+  for (std::size_t j = 0; j < shared; ++j) {
+    const Unit x = compatibility.fold(a[a.size() - 1 - j]);
+    const Unit y = compatibility.fold(b[b.size() - 1 - j]);
+    if (x != y) return x < y ? -1 : 1;
+  }
+  return a.size() < b.size() ? -1 : a.size() > b.size() ? 1 : 0;
+}
+
+std::vector<std::int32_t> NameCandidates::buildReverseOrder(const Catalog& catalog, const Compatibility& compatibility) {
+  struct Item {
+    std::uint64_t key;  // the last four folded units, last first; 0 past the start
+    std::int32_t row;
+  };
+  const std::int32_t n = catalog.count();
+  std::vector<Item> items(static_cast<std::size_t>(n));
+  Parallel::chunks(n, 1, 1 << 15, [&](std::int64_t begin, std::int64_t end) {
+    for (auto i = begin; i < end; ++i) {
+      const auto row = static_cast<std::int32_t>(i);
+      const TextView name = catalog.nameUnits(row);
+      std::uint64_t key = 0;
+      for (std::size_t j = 0; j < 4; ++j)
+        key = key << 16 | (j < name.size() ? compatibility.fold(name[name.size() - 1 - j]) : 0);
+      items[static_cast<std::size_t>(i)] = {key, row};
+    }
+  });
+  // Keys that differ decide as the full comparison would: a position past
+  // the start reads as 0, which is never above a real unit.
+  parallelSort(items, [&](const Item& x, const Item& y) {
+    if (x.key != y.key) return x.key < y.key;
+    const int r = compareReversed(compatibility, catalog.nameUnits(x.row), catalog.nameUnits(y.row));
+    return r != 0 ? r < 0 : x.row < y.row;
+  });
+  std::vector<std::int32_t> rows(static_cast<std::size_t>(n));
+  for (std::size_t i = 0; i < rows.size(); ++i) rows[i] = items[i].row;
+  return rows;
+}
+
+}  // namespace tarv

@@ -1,0 +1,75 @@
+#pragma once
+// NameCandidates: name-ordered row lists that turn a name prefix or suffix
+// into ranges of rows instead of a scan.
+//
+// nameOrder: the stored name order, folders first (positions 0 ..<
+//   folderCount) then files, each part in the tie-break order whose first
+//   level is the level-1 name collation.
+// reverseOrder: every row ordered by its folded name read backwards (unit by
+//   unit from the end, a name that ends first sorting first), ties by row.
+// nulNames: the rows whose name holds a NUL unit, ascending. Level 1 stops at
+//   a NUL, so in nameOrder such a name sits with its part before the NUL;
+//   matchers that read names to their end test these rows on their own.
+// prefixClassesCompatible: whether the tables make level-1 order and folding
+//   agree (folding keeps a unit's weight, equal weights fold equally, and
+//   unit 0 weighs least of all), which is what lets a folded prefix select a
+//   contiguous range of nameOrder.
+//
+// Immutable; shared read-only between threads. Holds the catalog and tables.
+
+#include <array>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <vector>
+
+#include "kernel/base/column.h"
+#include "kernel/catalog/catalog.h"
+#include "kernel/catalog/compatibility.h"
+
+namespace tarv {
+
+class NameCandidates {
+ public:
+  // Positions begin ..< end of an order column.
+  struct Range {
+    std::int64_t begin = 0;
+    std::int64_t end = 0;
+    std::int64_t size() const noexcept { return end - begin; }
+    friend bool operator==(const Range&, const Range&) = default;
+  };
+
+  NameCandidates(CatalogPtr catalog, std::shared_ptr<const Compatibility> compatibility, Column<std::int32_t> nameOrder,
+                 Column<std::int32_t> reverseOrder, Column<std::int32_t> nulNames);
+
+  const Catalog& catalog() const noexcept { return *catalog_; }
+  const Compatibility& compatibility() const noexcept { return *compatibility_; }
+  const Column<std::int32_t>& nameOrder() const noexcept { return nameOrder_; }
+  const Column<std::int32_t>& reverseOrder() const noexcept { return reverseOrder_; }
+  const Column<std::int32_t>& nulNames() const noexcept { return nulNames_; }
+  bool prefixClassesCompatible() const noexcept { return prefixClassesCompatible_; }
+
+  // The ranges of nameOrder (folders, then files) holding the rows whose
+  // folded name starts with `foldedPrefix`. Nothing when the tables are not
+  // prefix-compatible or the prefix holds a NUL.
+  std::optional<std::array<Range, 2>> prefixRanges(TextView foldedPrefix) const noexcept;
+  // The range of reverseOrder holding the rows whose folded name ends with
+  // `foldedSuffix`.
+  Range suffixRange(TextView foldedSuffix) const noexcept;
+
+  static bool classesCompatible(const Compatibility& compatibility);
+  // reverseOrder built from a catalog (parallel sort).
+  static std::vector<std::int32_t> buildReverseOrder(const Catalog& catalog, const Compatibility& compatibility);
+  // Three-way comparison of two names read backwards through the fold.
+  static int compareReversed(const Compatibility& compatibility, TextView a, TextView b) noexcept;
+
+ private:
+  CatalogPtr catalog_;
+  std::shared_ptr<const Compatibility> compatibility_;
+  Column<std::int32_t> nameOrder_;
+  Column<std::int32_t> reverseOrder_;
+  Column<std::int32_t> nulNames_;
+  bool prefixClassesCompatible_ = false;
+};
+
+}  // namespace tarv

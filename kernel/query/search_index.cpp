@@ -1,0 +1,398 @@
+#include "kernel/query/search_index.h"
+
+#include <algorithm>
+#include <atomic>
+#include <bit>
+#include <cstring>
+#include <string>
+
+#include "kernel/query/bitset.h"
+#include "kernel/query/parallel.h"
+#include "kernel/query/parallel_sort.h"
+#include "kernel/query/path_order.h"
+
+namespace tarv {
+namespace {
+
+constexpr std::int64_t kRowsPerChunk = 1 << 15;
+
+std::string section(std::string_view prefix, std::string_view name) {
+  std::string out(prefix);
+  out += name;
+  return out;
+}
+
+std::string orderSection(std::string_view prefix, SortKey key) {
+  return section(prefix, "order." + std::string(sortKeyName(key)));
+}
+
+[[noreturn]] void invalidSection(const std::string& name) { throw KernelError::io("Invalid index section " + name); }
+
+bool isDriveLetter(Unit u) noexcept { return (u >= u'A' && u <= u'Z') || (u >= u'a' && u <= u'z'); }
+
+bool isDriveName(TextView name) noexcept { return name.size() == 2 && isDriveLetter(name[0]) && name[1] == u':'; }
+
+bool isDriveRoot(TextView parent) noexcept {
+  return parent.size() == 3 && isDriveLetter(parent[0]) && parent[1] == u':' &&
+         path_flavor::isSeparator(PathFlavor::windows, parent[2]);
+}
+
+// Whether every value of `column` lies in 0 ..< limit (checked on the pool).
+template <class T>
+bool allBelow(const Column<T>& column, std::int64_t limit) {
+  std::atomic<bool> ok{true};
+  Parallel::chunks(static_cast<std::int64_t>(column.size()), 1, 1 << 16, [&](std::int64_t begin, std::int64_t end) {
+    bool fine = true;
+    const T* p = column.data();
+    for (auto i = begin; i < end; ++i) {
+      const auto v = static_cast<std::int64_t>(p[i]);
+      fine &= v >= 0 && v < limit;
+    }
+    if (!fine) ok = false;
+  });
+  return ok;
+}
+
+// The "extensions" section: the number of texts k as two u16 halves, then
+// k + 1 unit offsets as u16 halves (low first), then the units.
+std::vector<std::uint16_t> encodeTexts(const std::vector<Text>& texts) {
+  std::vector<std::uint16_t> out;
+  auto put32 = [&](std::uint32_t v) {
+    out.push_back(static_cast<std::uint16_t>(v & 0xFFFF));
+    out.push_back(static_cast<std::uint16_t>(v >> 16));
+  };
+  put32(static_cast<std::uint32_t>(texts.size()));
+  std::uint32_t offset = 0;
+  put32(offset);
+  for (const Text& t : texts) put32(offset += static_cast<std::uint32_t>(t.size()));
+  for (const Text& t : texts) out.insert(out.end(), t.begin(), t.end());
+  return out;
+}
+
+std::vector<Text> decodeTexts(const Column<std::uint16_t>& data, const std::string& name) {
+  auto get32 = [&](std::size_t at) { return std::uint32_t(data[at]) | std::uint32_t(data[at + 1]) << 16; };
+  if (data.size() < 4) invalidSection(name);
+  const std::uint64_t count = get32(0);
+  if (count > 65536 || data.size() < 2 + 2 * (count + 1)) invalidSection(name);
+  const std::size_t unitsAt = 2 + 2 * (count + 1);
+  const std::size_t units = data.size() - unitsAt;
+  std::vector<Text> texts;
+  texts.reserve(count);
+  std::uint32_t previous = get32(2);
+  if (previous != 0) invalidSection(name);
+  for (std::size_t i = 0; i < count; ++i) {
+    const std::uint32_t next = get32(2 + 2 * (i + 1));
+    if (next < previous || next > units) invalidSection(name);
+    const auto* first = reinterpret_cast<const char16_t*>(data.data() + unitsAt + previous);
+    texts.emplace_back(first, first + (next - previous));
+    previous = next;
+  }
+  if (previous != units) invalidSection(name);
+  return texts;
+}
+
+}  // namespace
+
+std::uint64_t SearchIndex::gramMask(const Compatibility& compatibility, TextView units) noexcept {
+  std::uint64_t mask = 0;
+  if (units.size() < 2) return mask;
+  const auto& search = compatibility.searchTable();
+  std::uint32_t a = search[units[0]];
+  for (std::size_t i = 1; i < units.size(); ++i) {
+    const std::uint32_t b = search[units[i]];
+    const std::uint32_t h = b + a * 65599u;
+    mask |= std::uint64_t(1) << ((h ^ (h >> 16)) & 63);
+    a = b;
+  }
+  return mask;
+}
+
+SearchIndex::SearchIndex(CatalogPtr catalog, std::shared_ptr<const Compatibility> compatibility)
+    : catalog_(std::move(catalog)), compatibility_(std::move(compatibility)) {
+  const Catalog& c = *catalog_;
+  const Compatibility& t = *compatibility_;
+  const std::int32_t n = c.count();
+  const std::int32_t parents = std::max(c.parentCount(), 0);
+  const PathFlavor flavor = c.pathFlavor();
+
+  parentRanks_ = Column<std::int32_t>::owned(PathOrder::ranks(c, t));
+
+  // Every stored order is a stable sort of the tie-break order T by its key.
+  storedKeys_ = {SortKey::name, SortKey::path, SortKey::size, SortKey::modified};
+  if (c.parts().createdTimes) storedKeys_.push_back(SortKey::created);
+  if (c.parts().allocations) storedKeys_.push_back(SortKey::allocated);
+  {
+    const std::vector<std::int32_t> tieBreak = RowOrder::tieBreakOrder(c, t, parentRanks_.span());
+    for (SortKey key : storedKeys_)
+      orders_.push_back(Column<std::int32_t>::owned(RowOrder::orderFrom(c, tieBreak, key, parentRanks_.span())));
+  }
+  Column<std::int32_t> reverseOrder = Column<std::int32_t>::owned(NameCandidates::buildReverseOrder(c, t));
+
+  // One pass over the rows for everything that is per row. Chunks are aligned
+  // to 64 rows so each owns whole words of the separator bitset; per-chunk
+  // lists are joined in chunk order, which keeps them ascending.
+  struct ChunkState {
+    std::unordered_map<TextView, std::int32_t> local;  // extension text to local id
+    std::vector<TextView> texts;
+    std::vector<std::int64_t> counts;
+    std::vector<std::int32_t> nul;
+    std::vector<std::int64_t> drives;
+  };
+  const Parallel::Plan plan = Parallel::plan(n, 64, kRowsPerChunk);
+  std::vector<ChunkState> states(static_cast<std::size_t>(plan.chunks));
+  std::vector<std::int32_t> localIds(static_cast<std::size_t>(n));
+  std::vector<std::uint64_t> grams(static_cast<std::size_t>(n));
+  std::vector<std::uint64_t> separatorWords(Bitset::wordCount(n), 0);
+  std::vector<std::int32_t> rowCounts(static_cast<std::size_t>(parents), 0);
+  Parallel::chunks(n, 64, kRowsPerChunk, [&](std::int64_t begin, std::int64_t end) {
+    ChunkState& state = states[static_cast<std::size_t>(plan.length == 0 ? 0 : begin / plan.length)];
+    TextView lastText;
+    std::int32_t lastId = -1;
+    std::uint32_t runParent = 0;
+    std::int32_t run = 0;
+    for (auto i = begin; i < end; ++i) {
+      const auto row = static_cast<std::int32_t>(i);
+      const TextView name = c.nameUnits(row);
+      grams[static_cast<std::size_t>(i)] = gramMask(t, name);
+      bool nul = false, separator = false;
+      for (Unit u : name) {
+        nul |= u == 0;
+        separator |= path_flavor::isSeparator(flavor, u);
+      }
+      if (nul) state.nul.push_back(row);
+      if (separator) separatorWords[static_cast<std::size_t>(i >> 6)] |= std::uint64_t(1) << (i & 63);
+
+      const std::uint32_t parent = c.parentIndex(row);
+      if (run > 0 && parent != runParent) {
+        std::atomic_ref<std::int32_t>(rowCounts[runParent]).fetch_add(run, std::memory_order_relaxed);
+        run = 0;
+      }
+      runParent = parent;
+      ++run;
+      if (flavor == PathFlavor::windows && isDriveName(name) && c.parentUnits(parent).empty())
+        state.drives.push_back(row);
+
+      const TextView extension = c.extensionUnits(row);
+      if (lastId < 0 || extension != lastText) {
+        auto [it, added] = state.local.try_emplace(extension, static_cast<std::int32_t>(state.texts.size()));
+        if (added) {
+          state.texts.push_back(extension);
+          state.counts.push_back(0);
+        }
+        lastText = extension;
+        lastId = it->second;
+      }
+      ++state.counts[static_cast<std::size_t>(lastId)];
+      localIds[static_cast<std::size_t>(i)] = lastId;
+    }
+    if (run > 0) std::atomic_ref<std::int32_t>(rowCounts[runParent]).fetch_add(run, std::memory_order_relaxed);
+  });
+
+  // Extension ids: 0 for the empty extension, then by falling row count.
+  std::unordered_map<TextView, std::int64_t> totals;
+  totals[TextView()] = 0;
+  for (const auto& state : states)
+    for (std::size_t k = 0; k < state.texts.size(); ++k) totals[state.texts[k]] += state.counts[k];
+  std::vector<std::pair<TextView, std::int64_t>> ranked(totals.begin(), totals.end());
+  std::sort(ranked.begin(), ranked.end(), [](const auto& x, const auto& y) {
+    if (x.first.empty() != y.first.empty()) return x.first.empty();
+    if (x.second != y.second) return x.second > y.second;
+    return x.first < y.first;
+  });
+  std::unordered_map<TextView, std::uint16_t> globalIds;
+  std::vector<std::int64_t> counts;
+  for (std::size_t k = 0; k < ranked.size(); ++k) {
+    if (k < kExtensionOverflow) {
+      globalIds[ranked[k].first] = static_cast<std::uint16_t>(k);
+      extensions_.emplace_back(ranked[k].first);
+      counts.push_back(ranked[k].second);
+    } else {
+      if (k == kExtensionOverflow) {
+        extensions_.emplace_back();
+        counts.push_back(0);
+      }
+      globalIds[ranked[k].first] = kExtensionOverflow;
+      counts.back() += ranked[k].second;
+    }
+  }
+  std::vector<std::vector<std::uint16_t>> translate(states.size());
+  for (std::size_t s = 0; s < states.size(); ++s)
+    for (TextView text : states[s].texts) translate[s].push_back(globalIds.at(text));
+  std::vector<std::uint16_t> ids(static_cast<std::size_t>(n));
+  Parallel::chunks(n, 64, kRowsPerChunk, [&](std::int64_t begin, std::int64_t end) {
+    const auto& table = translate[static_cast<std::size_t>(plan.length == 0 ? 0 : begin / plan.length)];
+    for (auto i = begin; i < end; ++i)
+      ids[static_cast<std::size_t>(i)] = table[static_cast<std::size_t>(localIds[static_cast<std::size_t>(i)])];
+  });
+  extensionIds_ = Column<std::uint16_t>::owned(std::move(ids));
+  extensionCounts_ = Column<std::int64_t>::owned(std::move(counts));
+  nameGramMasks_ = Column<std::uint64_t>::owned(std::move(grams));
+  separatorNameCount_ = Bitset::count(separatorWords);
+  separatorNames_ = Column<std::uint64_t>::owned(std::move(separatorWords));
+  parentRowCounts_ = Column<std::int32_t>::owned(std::move(rowCounts));
+
+  std::vector<std::int32_t> nul;
+  std::vector<std::int64_t> driveNames;
+  for (const auto& state : states) {
+    nul.insert(nul.end(), state.nul.begin(), state.nul.end());
+    driveNames.insert(driveNames.end(), state.drives.begin(), state.drives.end());
+  }
+  driveNames_ = Column<std::int64_t>::owned(std::move(driveNames));
+
+  std::vector<std::int64_t> driveParents;
+  if (flavor == PathFlavor::windows)
+    for (std::int32_t p = 0; p < parents; ++p)
+      if (isDriveRoot(c.parentUnits(static_cast<std::uint32_t>(p)))) driveParents.push_back(p);
+  driveParents_ = Column<std::int64_t>::owned(std::move(driveParents));
+
+  std::vector<std::int32_t> prefixOrder(static_cast<std::size_t>(parents));
+  for (std::int32_t p = 0; p < parents; ++p) prefixOrder[static_cast<std::size_t>(p)] = p;
+  parallelSort(prefixOrder, [&](std::int32_t x, std::int32_t y) {
+    const TextView a = c.parentUnits(static_cast<std::uint32_t>(x));
+    const TextView b = c.parentUnits(static_cast<std::uint32_t>(y));
+    const std::size_t shared = std::min(a.size(), b.size());
+    for (std::size_t i = 0; i < shared; ++i) {
+      if (a[i] == b[i]) continue;
+      const Unit fa = t.fold(a[i]), fb = t.fold(b[i]);
+      if (fa != fb) return fa < fb;
+    }
+    if (a.size() != b.size()) return a.size() < b.size();
+    const int raw = a.compare(b);
+    return raw != 0 ? raw < 0 : x < y;
+  });
+  parentPrefixOrder_ = Column<std::int32_t>::owned(std::move(prefixOrder));
+
+  deriveExtensionTables();
+  names_ = std::make_unique<NameCandidates>(catalog_, compatibility_, orders_.front(), std::move(reverseOrder),
+                                            Column<std::int32_t>::owned(std::move(nul)));
+}
+
+SearchIndex::SearchIndex(const IndexFile::Reader& reader, CatalogPtr catalog,
+                         std::shared_ptr<const Compatibility> compatibility, std::string_view prefix)
+    : catalog_(std::move(catalog)), compatibility_(std::move(compatibility)) {
+  const Catalog& c = *catalog_;
+  const std::int64_t n = c.count();
+  const std::int64_t parents = std::max(c.parentCount(), 0);
+  auto rowsOrParents = [&](auto column, std::int64_t length, std::int64_t limit, const std::string& name) {
+    if (static_cast<std::int64_t>(column.size()) != length || !allBelow(column, limit)) invalidSection(name);
+    return column;
+  };
+
+  std::string name = section(prefix, "parentRanks");
+  parentRanks_ = rowsOrParents(reader.column<std::int32_t>(name), parents, parents, name);
+
+  storedKeys_ = {SortKey::name, SortKey::path, SortKey::size, SortKey::modified};
+  if (c.parts().createdTimes) storedKeys_.push_back(SortKey::created);
+  if (c.parts().allocations) storedKeys_.push_back(SortKey::allocated);
+  for (SortKey key : storedKeys_) {
+    name = orderSection(prefix, key);
+    orders_.push_back(rowsOrParents(reader.column<std::int32_t>(name), n, n, name));
+  }
+
+  name = section(prefix, "extensions");
+  extensions_ = decodeTexts(reader.column<std::uint16_t>(name), name);
+  if (extensions_.empty()) invalidSection(name);
+  const auto extensionCount = static_cast<std::int64_t>(extensions_.size());
+  name = section(prefix, "extensionIds");
+  extensionIds_ = rowsOrParents(reader.column<std::uint16_t>(name), n, extensionCount, name);
+  name = section(prefix, "extensionCounts");
+  extensionCounts_ = reader.column<std::int64_t>(name);
+  if (static_cast<std::int64_t>(extensionCounts_.size()) != extensionCount) invalidSection(name);
+
+  name = section(prefix, "nameGrams");
+  nameGramMasks_ = reader.column<std::uint64_t>(name);
+  if (static_cast<std::int64_t>(nameGramMasks_.size()) != n) invalidSection(name);
+
+  name = section(prefix, "parentPrefixOrder");
+  parentPrefixOrder_ = rowsOrParents(reader.column<std::int32_t>(name), parents, parents, name);
+  name = section(prefix, "parentRowCounts");
+  parentRowCounts_ = reader.column<std::int32_t>(name);
+  if (static_cast<std::int64_t>(parentRowCounts_.size()) != parents) invalidSection(name);
+
+  name = section(prefix, "driveParents");
+  driveParents_ = reader.column<std::int64_t>(name);
+  if (!allBelow(driveParents_, parents)) invalidSection(name);
+  name = section(prefix, "driveNames");
+  driveNames_ = reader.column<std::int64_t>(name);
+  if (!allBelow(driveNames_, n)) invalidSection(name);
+
+  name = section(prefix, "separatorNames");
+  separatorNames_ = reader.column<std::uint64_t>(name);
+  if (separatorNames_.size() != Bitset::wordCount(n)) invalidSection(name);
+  // No bit may name a row past the end.
+  if (n % 64 != 0 && !separatorNames_.empty() && (separatorNames_[separatorNames_.size() - 1] >> (n % 64)) != 0)
+    invalidSection(name);
+  separatorNameCount_ = Bitset::count(separatorNames_.span());
+
+  name = section(prefix, "nulNames");
+  auto nul = reader.column<std::int32_t>(name);
+  if (!allBelow(nul, n)) invalidSection(name);
+  name = section(prefix, "reverseOrder");
+  auto reverseOrder = rowsOrParents(reader.column<std::int32_t>(name), n, n, name);
+
+  deriveExtensionTables();
+  names_ = std::make_unique<NameCandidates>(catalog_, compatibility_, orders_.front(), std::move(reverseOrder),
+                                            std::move(nul));
+}
+
+void SearchIndex::deriveExtensionTables() {
+  // Small tables over the distinct extensions (at most 65536), not per row.
+  const Compatibility& t = *compatibility_;
+  extensionClasses_.assign(extensions_.size(), -1);
+  for (std::size_t id = 0; id < extensions_.size(); ++id) {
+    if (id == kExtensionOverflow) continue;
+    extensionMap_.try_emplace(extensions_[id], static_cast<std::int32_t>(id));
+    auto [it, added] = classMap_.try_emplace(t.fold(extensions_[id]), static_cast<std::int32_t>(classMembers_.size()));
+    if (added) classMembers_.emplace_back();
+    classMembers_[static_cast<std::size_t>(it->second)].push_back(static_cast<std::int32_t>(id));
+    extensionClasses_[id] = it->second;
+  }
+}
+
+std::vector<std::int32_t> SearchIndex::extensionIdsMatching(TextView extension, bool sensitive) const {
+  if (sensitive) {
+    auto it = extensionMap_.find(Text(extension));
+    if (it == extensionMap_.end()) return {};
+    return {it->second};
+  }
+  auto it = classMap_.find(compatibility_->fold(extension));
+  if (it == classMap_.end()) return {};
+  return classMembers_[static_cast<std::size_t>(it->second)];
+}
+
+bool SearchIndex::stores(SortKey key) const noexcept {
+  return std::find(storedKeys_.begin(), storedKeys_.end(), key) != storedKeys_.end();
+}
+
+Column<std::int32_t> SearchIndex::order(SortKey key) const {
+  if (key == SortKey::device) {
+    std::lock_guard lock(deviceLock_);
+    if (!deviceOrder_) {
+      const auto ranks = RowOrder::labelRanks(*catalog_, *compatibility_);
+      deviceOrder_ = Column<std::int32_t>::owned(
+          RowOrder::orderFrom(*catalog_, orders_.front().span(), SortKey::device, parentRanks_.span(), ranks));
+    }
+    return *deviceOrder_;
+  }
+  for (std::size_t k = 0; k < storedKeys_.size(); ++k)
+    if (storedKeys_[k] == key) return orders_[k];
+  return orders_.front();  // name, none, or a column the catalog lacks
+}
+
+void SearchIndex::write(IndexFile::Writer& writer, std::string_view prefix) const {
+  writer.add(section(prefix, "parentRanks"), parentRanks_);
+  for (std::size_t k = 0; k < storedKeys_.size(); ++k) writer.add(orderSection(prefix, storedKeys_[k]), orders_[k]);
+  writer.add(section(prefix, "extensionIds"), extensionIds_);
+  writer.add(section(prefix, "extensions"), encodeTexts(extensions_));
+  writer.add(section(prefix, "nameGrams"), nameGramMasks_);
+  writer.add(section(prefix, "parentPrefixOrder"), parentPrefixOrder_);
+  writer.add(section(prefix, "parentRowCounts"), parentRowCounts_);
+  writer.add(section(prefix, "driveParents"), driveParents_);
+  writer.add(section(prefix, "driveNames"), driveNames_);
+  writer.add(section(prefix, "separatorNames"), separatorNames_);
+  writer.add(section(prefix, "nulNames"), names_->nulNames());
+  writer.add(section(prefix, "reverseOrder"), names_->reverseOrder());
+  writer.add(section(prefix, "extensionCounts"), extensionCounts_);
+}
+
+}  // namespace tarv

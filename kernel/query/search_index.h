@@ -1,0 +1,156 @@
+#pragma once
+// SearchIndex: the structures derived once from one catalog that make
+// searches fast: the stored sort orders, the path rank of every parent text,
+// per-row extension ids and name-bigram masks, per-parent counts and the
+// parent prefix order, the drive lists, the rows whose names hold a
+// separator, and the name-ordered candidate lists.
+//
+// Built from a catalog (all per-row work on the worker pool) or mapped from an
+// index file without copying and without per-row work beyond the bounds checks
+// listed at the reading constructor. Immutable afterwards except the
+// volume-label order, built on first use under its own lock; shared read-only
+// between threads. Holds the catalog and the tables alive.
+//
+// Extension ids: id 0 is the empty extension (names without "."), always
+// present. The other distinct extension texts (exact units, irregular
+// extensions included) get ids 1, 2, ... by falling row count, ties by raw
+// units. A catalog with more than 65535 distinct extensions gives the rarest
+// ones the id kExtensionOverflow: their `extensions` entry is empty, they are
+// in no map, and an engine must test such rows by their units. Folded matching
+// goes through extensionClasses: ids whose texts fold equal share a class.
+//
+// Drive lists (windows catalogs only; empty for posix): driveParents are the
+// parent indexes whose text is a drive root, a letter, ":" and one separator
+// ("C:\"); driveNames are the rows with an empty parent text whose name is a
+// drive, a letter and ":" ("C:"): folders whose full path lacks the separator
+// that their children's parent text carries. Both ascending.
+//
+// parentPrefixOrder: every parent index ordered by its folded units (a text
+// that is a prefix of another first), then by raw units, so the parents that
+// start with a folded prefix form one range. parentRowCounts: per parent
+// index, the rows directly in it.
+
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <span>
+#include <string_view>
+#include <unordered_map>
+#include <vector>
+
+#include "kernel/base/column.h"
+#include "kernel/catalog/catalog.h"
+#include "kernel/catalog/compatibility.h"
+#include "kernel/index/index_file.h"
+#include "kernel/query/name_candidates.h"
+#include "kernel/query/row_order.h"
+#include "kernel/query/sort_spec.h"
+
+namespace tarv {
+
+class SearchIndex {
+ public:
+  static constexpr std::uint16_t kExtensionOverflow = 65535;
+
+  // Builds every structure. Runs on the calling thread and the worker pool.
+  SearchIndex(CatalogPtr catalog, std::shared_ptr<const Compatibility> compatibility);
+
+  // Maps the sections that write() stored under `prefix`; `catalog` must be
+  // the one rebuilt from the same file. Checked before use: every section's
+  // length against the row, parent or extension count; every stored row,
+  // parent and extension number against its range (one linear pass, on the
+  // pool); the extension table's offsets. Throws the reader's
+  // "Missing index section ..." or KernelError::io("Invalid index section " +
+  // name) for a section that fails a check.
+  SearchIndex(const IndexFile::Reader& reader, CatalogPtr catalog, std::shared_ptr<const Compatibility> compatibility,
+              std::string_view prefix = {});
+
+  SearchIndex(const SearchIndex&) = delete;
+  SearchIndex& operator=(const SearchIndex&) = delete;
+
+  const Catalog& catalog() const noexcept { return *catalog_; }
+  const CatalogPtr& catalogPointer() const noexcept { return catalog_; }
+  const Compatibility& compatibility() const noexcept { return *compatibility_; }
+  const std::shared_ptr<const Compatibility>& compatibilityPointer() const noexcept { return compatibility_; }
+
+  const Column<std::int32_t>& parentRanks() const noexcept { return parentRanks_; }
+
+  // The keys with a stored order: name, path, size, modified, then created
+  // and allocated when the catalog has those columns.
+  const std::vector<SortKey>& storedKeys() const noexcept { return storedKeys_; }
+  bool stores(SortKey key) const noexcept;
+  // The ascending order of `key` over every row. name and none give the name
+  // order, as do created and allocated when the catalog lacks the column (all
+  // values unknown); device builds the volume-label order on first use.
+  Column<std::int32_t> order(SortKey key) const;
+  // The row comparison of result orders (descending negates).
+  int compare(std::int32_t a, std::int32_t b, SortSpec spec) const noexcept {
+    return rowOrder().compare(a, b, spec);
+  }
+  RowOrder rowOrder() const noexcept { return RowOrder(*catalog_, *compatibility_, parentRanks_.span()); }
+
+  const Column<std::uint16_t>& extensionIds() const noexcept { return extensionIds_; }
+  const std::vector<Text>& extensions() const noexcept { return extensions_; }
+  const Column<std::int64_t>& extensionCounts() const noexcept { return extensionCounts_; }
+  // Exact extension text to id.
+  const std::unordered_map<Text, std::int32_t>& extensionMap() const noexcept { return extensionMap_; }
+  // Per id, the index of its folded class.
+  const std::vector<std::int32_t>& extensionClasses() const noexcept { return extensionClasses_; }
+  // The ids whose text equals `extension` (sensitive) or folds equal to it.
+  std::vector<std::int32_t> extensionIdsMatching(TextView extension, bool sensitive) const;
+  bool hasOverflowExtensions() const noexcept { return extensions_.size() > kExtensionOverflow; }
+
+  const Column<std::uint64_t>& nameGramMasks() const noexcept { return nameGramMasks_; }
+  // The bigram mask of `units` with both units of every pair folded: bit
+  // (h ^ (h >> 16)) & 63 of h = search[b] + search[a] * 65599; 0 below 2 units.
+  static std::uint64_t gramMask(const Compatibility& compatibility, TextView units) noexcept;
+
+  const Column<std::int32_t>& parentPrefixOrder() const noexcept { return parentPrefixOrder_; }
+  const Column<std::int32_t>& parentRowCounts() const noexcept { return parentRowCounts_; }
+  const Column<std::int64_t>& exceptionalDriveParents() const noexcept { return driveParents_; }
+  const Column<std::int64_t>& exceptionalDriveNames() const noexcept { return driveNames_; }
+
+  // Rows whose name holds a separator of the catalog's flavor, as bitset words.
+  std::span<const std::uint64_t> separatorNames() const noexcept { return separatorNames_.span(); }
+  std::int64_t separatorNameCount() const noexcept { return separatorNameCount_; }
+
+  const NameCandidates* names() const noexcept { return names_.get(); }
+
+  // Adds the sections under `prefix`: "parentRanks", "order.<key>" per stored
+  // key, "extensionIds", "extensions", "nameGrams", "parentPrefixOrder",
+  // "parentRowCounts", "driveParents", "driveNames", "separatorNames",
+  // "nulNames", "reverseOrder", then "extensionCounts". Passes on the
+  // writer's KernelError::io.
+  void write(IndexFile::Writer& writer, std::string_view prefix = {}) const;
+
+ private:
+  void deriveExtensionTables();
+
+  CatalogPtr catalog_;
+  std::shared_ptr<const Compatibility> compatibility_;
+  Column<std::int32_t> parentRanks_;
+  std::vector<SortKey> storedKeys_;
+  std::vector<Column<std::int32_t>> orders_;  // parallel to storedKeys_
+  Column<std::uint16_t> extensionIds_;
+  std::vector<Text> extensions_;
+  Column<std::uint64_t> nameGramMasks_;
+  Column<std::int64_t> extensionCounts_;
+  Column<std::int32_t> parentPrefixOrder_;
+  Column<std::int32_t> parentRowCounts_;
+  Column<std::int64_t> driveParents_;
+  Column<std::int64_t> driveNames_;
+  std::unordered_map<Text, std::int32_t> extensionMap_;
+  std::vector<std::int32_t> extensionClasses_;
+  std::unordered_map<Text, std::int32_t> classMap_;  // folded text to class
+  std::vector<std::vector<std::int32_t>> classMembers_;
+  Column<std::uint64_t> separatorNames_;
+  std::int64_t separatorNameCount_ = 0;
+  std::unique_ptr<NameCandidates> names_;
+  mutable std::optional<Column<std::int32_t>> deviceOrder_;
+  mutable std::mutex deviceLock_;
+};
+
+using SearchIndexPtr = std::shared_ptr<const SearchIndex>;
+
+}  // namespace tarv

@@ -1,0 +1,373 @@
+#include "kernel/query/search_index.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <bit>
+#include <cstdlib>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "kernel/catalog/catalog_file.h"
+#include "kernel/query/bitset.h"
+#include "kernel/query/path_order.h"
+#include "tests/support/process.h"
+#include "tests/support/synthetic_catalog.h"
+#include "tests/support/temp_dir.h"
+
+namespace tarv {
+namespace {
+
+using testing::makeCatalog;
+using testing::SyntheticRecord;
+using testing::syntheticTable;
+
+template <class T>
+std::vector<T> values(const Column<T>& column) {
+  return std::vector<T>(column.begin(), column.end());
+}
+
+TEST(NameGramMask, EdgeCases) {
+  const auto table = syntheticTable();
+  EXPECT_EQ(SearchIndex::gramMask(*table, u""), 0u);
+  EXPECT_EQ(SearchIndex::gramMask(*table, u"a"), 0u);
+  EXPECT_EQ(std::popcount(SearchIndex::gramMask(*table, u"ab")), 1);
+  const std::uint32_t h = std::uint32_t(u'b') + std::uint32_t(u'a') * 65599u;
+  EXPECT_EQ(SearchIndex::gramMask(*table, u"ab"), std::uint64_t(1) << ((h ^ (h >> 16)) & 63));
+  EXPECT_EQ(SearchIndex::gramMask(*table, u"AB"), SearchIndex::gramMask(*table, u"ab"));
+  EXPECT_EQ(SearchIndex::gramMask(*table, u"\u00C9t\u00E9"), SearchIndex::gramMask(*table, u"ete"));
+  // Every bigram of a contained literal is a bigram of the name.
+  const auto name = SearchIndex::gramMask(*table, u"Holiday-Photos.JPG");
+  for (const char16_t* part : {u"photo", u"s.jp", u"HOLI", u"y-p"}) {
+    const auto literal = SearchIndex::gramMask(*table, part);
+    EXPECT_EQ(name & literal, literal) << utf8(part);
+  }
+}
+
+// Everything the index derives, checked against a plain computation.
+void expectDerivedStructures(const SearchIndex& index) {
+  const Catalog& c = index.catalog();
+  const Compatibility& t = index.compatibility();
+  const auto n = static_cast<std::size_t>(c.count());
+  const auto parents = static_cast<std::size_t>(c.parentCount());
+
+  ASSERT_EQ(index.parentRanks().size(), parents);
+  for (std::size_t p = 0; p < parents; ++p)
+    for (std::size_t q = 0; q < parents; ++q) {
+      const int byRank = index.parentRanks()[p] < index.parentRanks()[q] ? -1 : index.parentRanks()[p] > index.parentRanks()[q];
+      ASSERT_EQ(byRank, PathOrder::compare(t, c.pathFlavor(), c.parentUnits(static_cast<std::uint32_t>(p)),
+                                           c.parentUnits(static_cast<std::uint32_t>(q))));
+    }
+
+  ASSERT_EQ(index.extensionIds().size(), n);
+  ASSERT_FALSE(index.extensions().empty());
+  EXPECT_TRUE(index.extensions()[0].empty()) << "id 0 is the empty extension";
+  std::vector<std::int64_t> counts(index.extensions().size(), 0);
+  for (std::size_t r = 0; r < n; ++r) {
+    const auto id = index.extensionIds()[r];
+    ++counts[id];
+    if (id != SearchIndex::kExtensionOverflow) {
+      ASSERT_EQ(index.extensions()[id], Text(c.extensionUnits(static_cast<std::int32_t>(r)))) << "row " << r;
+    }
+  }
+  EXPECT_EQ(values(index.extensionCounts()), counts);
+  for (std::size_t id = 0; id < index.extensions().size(); ++id)
+    if (id != SearchIndex::kExtensionOverflow) {
+      EXPECT_EQ(index.extensionMap().at(index.extensions()[id]), static_cast<std::int32_t>(id));
+    }
+
+  ASSERT_EQ(index.nameGramMasks().size(), n);
+  std::vector<std::int32_t> rowsPerParent(parents, 0), nul, driveNames;
+  std::int64_t separators = 0;
+  for (std::size_t r = 0; r < n; ++r) {
+    const auto row = static_cast<std::int32_t>(r);
+    const TextView name = c.nameUnits(row);
+    ASSERT_EQ(index.nameGramMasks()[r], SearchIndex::gramMask(t, name));
+    ++rowsPerParent[c.parentIndex(row)];
+    if (name.find(Unit(0)) != TextView::npos) nul.push_back(row);
+    const bool separator = std::any_of(name.begin(), name.end(), [&](Unit u) { return path_flavor::isSeparator(c.pathFlavor(), u); });
+    EXPECT_EQ(Bitset::test(index.separatorNames(), row), separator) << "row " << r;
+    separators += separator;
+    if (c.pathFlavor() == PathFlavor::windows && name.size() == 2 && name[1] == u':' && c.parentUnits(c.parentIndex(row)).empty())
+      driveNames.push_back(row);
+  }
+  EXPECT_EQ(index.separatorNameCount(), separators);
+  EXPECT_EQ(values(index.parentRowCounts()), rowsPerParent);
+  EXPECT_EQ(values(index.names()->nulNames()), nul);
+  std::vector<std::int64_t> expectedDriveNames(driveNames.begin(), driveNames.end());
+  EXPECT_EQ(values(index.exceptionalDriveNames()), expectedDriveNames);
+  std::vector<std::int64_t> driveParents;
+  for (std::size_t p = 0; c.pathFlavor() == PathFlavor::windows && p < parents; ++p) {
+    const TextView text = c.parentUnits(static_cast<std::uint32_t>(p));
+    if (text.size() == 3 && text[1] == u':' && (text[2] == u'\\' || text[2] == u'/')) driveParents.push_back(static_cast<std::int64_t>(p));
+  }
+  EXPECT_EQ(values(index.exceptionalDriveParents()), driveParents);
+
+  // Parent prefix order: folded texts ascending, so every folded prefix is one range.
+  ASSERT_EQ(index.parentPrefixOrder().size(), parents);
+  for (std::size_t k = 0; k + 1 < parents; ++k) {
+    const Text a = t.fold(c.parentUnits(static_cast<std::uint32_t>(index.parentPrefixOrder()[k])));
+    const Text b = t.fold(c.parentUnits(static_cast<std::uint32_t>(index.parentPrefixOrder()[k + 1])));
+    ASSERT_LE(a, b);
+  }
+  std::set<std::int32_t> distinct(index.parentPrefixOrder().begin(), index.parentPrefixOrder().end());
+  EXPECT_EQ(distinct.size(), parents);
+
+  const NameCandidates& names = *index.names();
+  EXPECT_EQ(names.nameOrder().data(), index.order(SortKey::name).data());
+  ASSERT_EQ(names.reverseOrder().size(), n);
+  for (std::size_t k = 0; k + 1 < n; ++k)
+    ASSERT_LE(NameCandidates::compareReversed(t, c.nameUnits(names.reverseOrder()[k]), c.nameUnits(names.reverseOrder()[k + 1])), 0);
+}
+
+// The rows a lookup returns equal the rows a scan finds.
+void expectLookupsMatchScans(const SearchIndex& index, const std::vector<Text>& probes) {
+  const Catalog& c = index.catalog();
+  const Compatibility& t = index.compatibility();
+  const NameCandidates& names = *index.names();
+  ASSERT_TRUE(names.prefixClassesCompatible());
+  for (const Text& probe : probes) {
+    const Text folded = t.fold(probe);
+    std::set<std::int32_t> prefixScan, suffixScan, prefixFound, suffixFound;
+    for (std::int32_t r = 0; r < c.count(); ++r) {
+      const Text name = t.fold(c.nameUnits(r));
+      if (name.starts_with(folded)) prefixScan.insert(r);
+      if (name.ends_with(folded)) suffixScan.insert(r);
+    }
+    const auto ranges = names.prefixRanges(folded);
+    ASSERT_TRUE(ranges.has_value());
+    EXPECT_LE((*ranges)[0].end, c.folderCount());
+    EXPECT_GE((*ranges)[1].begin, c.folderCount());
+    for (const auto& range : *ranges)
+      for (auto k = range.begin; k < range.end; ++k) prefixFound.insert(names.nameOrder()[static_cast<std::size_t>(k)]);
+    const auto suffix = names.suffixRange(folded);
+    for (auto k = suffix.begin; k < suffix.end; ++k) suffixFound.insert(names.reverseOrder()[static_cast<std::size_t>(k)]);
+    EXPECT_EQ(prefixFound, prefixScan) << "prefix " << utf8(probe);
+    EXPECT_EQ(suffixFound, suffixScan) << "suffix " << utf8(probe);
+  }
+  EXPECT_FALSE(names.prefixRanges(Text(u"a") + Unit(0)).has_value());
+}
+
+TEST(SearchIndex, DerivesEveryStructureOnRandomCatalogs) {
+  const auto table = syntheticTable();
+  const std::vector<Text> probes = {u"", u"a", u"A", u"ab", u"e", u"\u00C9", u".", u"a.", u"\xD83D", u"zz", u"b.a"};
+  for (std::uint32_t seed = 1; seed <= 4; ++seed) {
+    for (PathFlavor flavor : {PathFlavor::posix, PathFlavor::windows}) {
+      SearchIndex index(testing::randomCatalog(seed, flavor, 500), table);
+      expectDerivedStructures(index);
+      expectLookupsMatchScans(index, probes);
+    }
+  }
+}
+
+TEST(SearchIndex, SeparatorNamesAndDrivesByFlavor) {
+  auto record = [](const char16_t* parent, const char16_t* name, bool folder = false) {
+    SyntheticRecord r;
+    r.parent = parent;
+    r.name = name;
+    r.folder = folder;
+    return r;
+  };
+  const std::vector<SyntheticRecord> records = {record(u"", u"C:", true), record(u"C:\\", u"a/b"),
+                                                record(u"C:\\", u"a\\b"), record(u"", u"c:"),
+                                                record(u"", u"C:x"), record(u"D:/", u"x"), record(u"1:\\", u"y")};
+  testing::SyntheticOptions windows;
+  windows.flavor = PathFlavor::windows;
+  SearchIndex w(makeCatalog(records, windows), syntheticTable());
+  EXPECT_EQ(w.separatorNameCount(), 2);
+  EXPECT_EQ(values(w.exceptionalDriveNames()), (std::vector<std::int64_t>{0, 3}));
+  EXPECT_EQ(values(w.exceptionalDriveParents()), (std::vector<std::int64_t>{1, 2}));  // "C:\" and "D:/", not "1:\"
+  SearchIndex p(makeCatalog(records), syntheticTable());
+  EXPECT_EQ(p.separatorNameCount(), 1);  // only "/" separates on posix
+  EXPECT_TRUE(Bitset::test(p.separatorNames(), 1));
+  EXPECT_TRUE(p.exceptionalDriveNames().empty());
+  EXPECT_TRUE(p.exceptionalDriveParents().empty());
+}
+
+TEST(SearchIndex, ExtensionIdsByCountAndFoldedClasses) {
+  std::vector<SyntheticRecord> records;
+  for (const char16_t* name : {u"a.txt", u"b.TXT", u"c.txt", u"d.Txt", u"e.png", u"Makefile", u"f.", u".txt"}) {
+    SyntheticRecord r;
+    r.parent = u"/";
+    r.name = name;
+    records.push_back(r);
+  }
+  records[4].irregularExtension = u"jpeg";  // e.png is recorded as a jpeg
+  SearchIndex index(makeCatalog(records), syntheticTable());
+  // Empty first (Makefile and "f."), then txt (3 rows), then by raw units.
+  EXPECT_EQ(index.extensions(), (std::vector<Text>{u"", u"txt", u"TXT", u"Txt", u"jpeg"}));
+  EXPECT_EQ(values(index.extensionCounts()), (std::vector<std::int64_t>{2, 3, 1, 1, 1}));
+  EXPECT_EQ(values(index.extensionIds()), (std::vector<std::uint16_t>{1, 2, 1, 3, 4, 0, 0, 1}));
+  EXPECT_EQ(index.extensionIdsMatching(u"tXt", false), (std::vector<std::int32_t>{1, 2, 3}));
+  EXPECT_EQ(index.extensionIdsMatching(u"TXT", true), (std::vector<std::int32_t>{2}));
+  EXPECT_EQ(index.extensionIdsMatching(u"tXt", true), (std::vector<std::int32_t>{}));
+  EXPECT_EQ(index.extensionIdsMatching(u"png", false), (std::vector<std::int32_t>{}));
+  EXPECT_EQ(index.extensionIdsMatching(u"", false), (std::vector<std::int32_t>{0}));
+  EXPECT_EQ(index.extensionClasses()[1], index.extensionClasses()[3]);
+  EXPECT_NE(index.extensionClasses()[1], index.extensionClasses()[4]);
+  EXPECT_FALSE(index.hasOverflowExtensions());
+}
+
+TEST(SearchIndex, MoreThan65535ExtensionsShareTheOverflowId) {
+  std::vector<SyntheticRecord> records;
+  auto add = [&](Text name) {
+    SyntheticRecord r;
+    r.parent = u"/";
+    r.name = std::move(name);
+    records.push_back(std::move(r));
+  };
+  for (int i = 0; i < 70000; ++i) add(u"f." + utf16(std::to_string(i)));
+  add(u"g.0");  // extension "0" now has two rows: the most frequent
+  SearchIndex index(makeCatalog(records), syntheticTable());
+  ASSERT_TRUE(index.hasOverflowExtensions());
+  ASSERT_EQ(index.extensions().size(), 65536u);
+  EXPECT_EQ(index.extensions()[1], u"0");
+  EXPECT_EQ(index.extensionCounts()[1], 2);
+  std::int64_t overflow = 0;
+  for (auto id : index.extensionIds()) overflow += id == SearchIndex::kExtensionOverflow;
+  EXPECT_EQ(overflow, 70000 - 65534);
+  EXPECT_EQ(index.extensionCounts()[SearchIndex::kExtensionOverflow], overflow);
+  EXPECT_TRUE(index.extensions()[SearchIndex::kExtensionOverflow].empty());
+  EXPECT_EQ(index.extensionMap().at(u""), 0);
+}
+
+TEST(SearchIndex, StoredKeysFollowTheOptionalColumns) {
+  const auto table = syntheticTable();
+  SearchIndex without(testing::randomCatalog(8, PathFlavor::posix, 50, false, false), table);
+  EXPECT_EQ(without.storedKeys(), (std::vector<SortKey>{SortKey::name, SortKey::path, SortKey::size, SortKey::modified}));
+  EXPECT_EQ(without.order(SortKey::created).data(), without.order(SortKey::name).data());
+  EXPECT_EQ(without.order(SortKey::none).data(), without.order(SortKey::name).data());
+  SearchIndex with(testing::randomCatalog(8, PathFlavor::posix, 50, true, true), table);
+  EXPECT_EQ(with.storedKeys().size(), 6u);
+  EXPECT_NE(with.order(SortKey::created).data(), with.order(SortKey::name).data());
+
+  testing::TempDir dir;
+  IndexFile::Writer writer(dir / "x.tarvidx");
+  without.write(writer, "p.");
+  writer.finish();
+  IndexFile::Reader reader(dir / "x.tarvidx");
+  EXPECT_TRUE(reader.has("p.order.modified"));
+  EXPECT_FALSE(reader.has("p.order.created"));
+  EXPECT_FALSE(reader.has("p.order.allocated"));
+  std::vector<std::string> written;
+  for (const auto& s : reader.meta()["sections"]) written.push_back(s["name"]);
+  EXPECT_EQ(written, (std::vector<std::string>{"p.parentRanks", "p.order.name", "p.order.path", "p.order.size",
+                                               "p.order.modified", "p.extensionIds", "p.extensions", "p.nameGrams",
+                                               "p.parentPrefixOrder", "p.parentRowCounts", "p.driveParents",
+                                               "p.driveNames", "p.separatorNames", "p.nulNames", "p.reverseOrder",
+                                               "p.extensionCounts"}));
+}
+
+// Writing then reading a catalog and its index gives back every column and
+// structure, and the mapped columns point into the file's mapping.
+TEST(SearchIndex, WriteThenReadIsIdentity) {
+  const auto table = syntheticTable();
+  for (PathFlavor flavor : {PathFlavor::posix, PathFlavor::windows}) {
+    const auto catalog = testing::randomCatalog(21, flavor, 700);
+    SearchIndex built(catalog, table);
+    testing::TempDir dir;
+    {
+      IndexFile::Writer writer(dir / "i.tarvidx");
+      writeCatalog(writer, *catalog, "c.");
+      built.write(writer, "s.");
+      writer.finish();
+    }
+    IndexFile::Reader reader(dir / "i.tarvidx");
+    auto mapped = std::make_shared<const Catalog>(readCatalog(reader, "c.", "again"));
+    SearchIndex read(reader, mapped, table, "s.");
+    auto inMapping = [&](const void* p) {
+      return p >= static_cast<const void*>(reader.base()) && p < static_cast<const void*>(reader.base() + reader.size());
+    };
+    EXPECT_TRUE(inMapping(read.order(SortKey::name).data()));
+    EXPECT_TRUE(inMapping(read.nameGramMasks().data()));
+    EXPECT_TRUE(inMapping(mapped->parts().names.data()));
+    EXPECT_EQ(values(read.parentRanks()), values(built.parentRanks()));
+    EXPECT_EQ(read.storedKeys(), built.storedKeys());
+    for (SortKey key : kSortKeys) EXPECT_EQ(values(read.order(key)), values(built.order(key))) << sortKeyName(key);
+    EXPECT_EQ(values(read.extensionIds()), values(built.extensionIds()));
+    EXPECT_EQ(read.extensions(), built.extensions());
+    EXPECT_EQ(values(read.extensionCounts()), values(built.extensionCounts()));
+    EXPECT_EQ(read.extensionMap(), built.extensionMap());
+    EXPECT_EQ(read.extensionClasses(), built.extensionClasses());
+    EXPECT_EQ(values(read.nameGramMasks()), values(built.nameGramMasks()));
+    EXPECT_EQ(values(read.parentPrefixOrder()), values(built.parentPrefixOrder()));
+    EXPECT_EQ(values(read.parentRowCounts()), values(built.parentRowCounts()));
+    EXPECT_EQ(values(read.exceptionalDriveParents()), values(built.exceptionalDriveParents()));
+    EXPECT_EQ(values(read.exceptionalDriveNames()), values(built.exceptionalDriveNames()));
+    EXPECT_TRUE(std::ranges::equal(read.separatorNames(), built.separatorNames()));
+    EXPECT_EQ(read.separatorNameCount(), built.separatorNameCount());
+    EXPECT_EQ(values(read.names()->nulNames()), values(built.names()->nulNames()));
+    EXPECT_EQ(values(read.names()->reverseOrder()), values(built.names()->reverseOrder()));
+    expectDerivedStructures(read);
+  }
+}
+
+TEST(SearchIndex, ReadingRejectsSectionsThatDoNotFit) {
+  const auto table = syntheticTable();
+  const auto catalog = testing::randomCatalog(4, PathFlavor::posix, 100);
+  SearchIndex built(catalog, table);
+  const std::int32_t n = catalog->count();
+  struct Case {
+    const char* section;
+    std::vector<std::int32_t> values;
+  };
+  std::vector<std::int32_t> outOfRange(values(built.order(SortKey::size)));
+  outOfRange[7] = n;
+  std::vector<std::int32_t> negative(values(built.names()->reverseOrder()));
+  negative[0] = -1;
+  const std::vector<Case> cases = {{"order.size", outOfRange},
+                                   {"order.name", std::vector<std::int32_t>(static_cast<std::size_t>(n) - 1, 0)},
+                                   {"reverseOrder", negative},
+                                   {"nulNames", {n}},
+                                   {"parentRanks", {0}},
+                                   {"parentPrefixOrder", std::vector<std::int32_t>(built.parentPrefixOrder().size(), -2)}};
+  for (const auto& c : cases) {
+    testing::TempDir dir;
+    {
+      IndexFile::Writer writer(dir / "r.tarvidx");
+      built.write(writer);
+      writer.add(c.section, c.values);  // a later section of the same name wins
+      writer.finish();
+    }
+    IndexFile::Reader reader(dir / "r.tarvidx");
+    try {
+      SearchIndex read(reader, catalog, table);
+      ADD_FAILURE() << c.section << " was accepted";
+    } catch (const KernelError& e) {
+      EXPECT_EQ(e.message(), std::string("Invalid index section ") + c.section);
+    }
+  }
+  testing::TempDir dir;
+  {
+    IndexFile::Writer writer(dir / "m.tarvidx");
+    writer.add("parentRanks", built.parentRanks());
+    writer.finish();
+  }
+  IndexFile::Reader reader(dir / "m.tarvidx");
+  try {
+    SearchIndex read(reader, catalog, table);
+    ADD_FAILURE() << "accepted a file without orders";
+  } catch (const KernelError& e) {
+    EXPECT_EQ(e.message(), "Missing index section order.name");
+  }
+}
+
+// The same suites again with many small chunks on three workers, so every
+// parallel path (chunked passes, multi-run merges, radix scatters) runs.
+TEST(SearchIndex, SameResultsWithSmallChunks) {
+  if (std::getenv("TARV_TEST_SMALL_CHUNKS")) GTEST_SKIP() << "already the small-chunk run";
+  testing::ProcessOptions options;
+  options.env["TARV_PARALLEL_MINIMUM"] = "7";
+  options.env["TARV_WORKERS"] = "3";
+  options.env["TARV_TEST_SMALL_CHUNKS"] = "1";
+  const auto result = testing::run(
+      "/proc/self/exe",
+      {"--gtest_filter=SearchIndex.*:RowOrder.*:PathOrder.*:RadixOrder.*:ParallelSort.*:NameCollation.*"}, options);
+  EXPECT_EQ(result.status, 0) << result.out << result.err;
+  EXPECT_NE(result.out.find("[  PASSED  ]"), std::string::npos) << result.out;
+  EXPECT_EQ(result.out.find("[  FAILED  ]"), std::string::npos) << result.out;
+}
+
+}  // namespace
+}  // namespace tarv
