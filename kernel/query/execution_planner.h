@@ -1,0 +1,67 @@
+#pragma once
+// ExecutionPlanner: runs one query over one source. It parses the query
+// against the source's catalog (path flavor, directory sizes), picks a
+// strategy and tests the rows on the worker pool, giving the set of matching
+// rows. Query::matches is the definition of a correct answer; every strategy
+// returns exactly the rows it accepts.
+//
+// Strategies:
+//   "all"       the query is always true (the empty query): every row, no test.
+//   "scan"      every row tested with Query::matches.
+//   "gram-scan" the root is a literal name term, or an AND that holds such
+//               terms: a row whose name-bigram mask lacks a bit of a
+//               literal's mask cannot contain it and is skipped untested.
+//
+// Holds the search index (and through it the catalog and tables) alive.
+// Immutable; select() may run on several threads at once. Never throws on
+// query text (the parser never fails); only std::bad_alloc.
+
+#include <cstdint>
+#include <string_view>
+
+#include "kernel/base/text.h"
+#include "kernel/query/bitset.h"
+#include "kernel/query/query.h"
+#include "kernel/query/search_index.h"
+
+namespace tarv {
+
+class ExecutionPlanner {
+ public:
+  enum class Strategy { all, scan, gramScan };
+
+  struct Plan {
+    Query::TermPtr root;
+    Strategy strategy = Strategy::scan;
+    std::uint64_t gramMask = 0;  // bits every candidate name must hold
+  };
+
+  // The rows of one source that match.
+  struct Selection {
+    std::int64_t count = 0;
+    Bitset rows;  // over the source's rows
+    Strategy strategy = Strategy::scan;
+  };
+
+  // Rows per chunk below which the scan does not split further.
+  static constexpr std::int64_t kScanMinimum = 1 << 13;
+
+  explicit ExecutionPlanner(SearchIndexPtr index, std::int64_t scanMinimum = kScanMinimum);
+
+  // Parses and marks the query and chooses the strategy.
+  Plan plan(TextView query) const;
+  // Runs a plan made by this planner.
+  Selection run(const Plan& plan) const;
+  Selection select(TextView query) const { return run(plan(query)); }
+
+  const SearchIndex& index() const noexcept { return *index_; }
+
+  // "all", "scan", "gram-scan".
+  static std::string_view name(Strategy strategy) noexcept;
+
+ private:
+  SearchIndexPtr index_;
+  std::int64_t scanMinimum_;
+};
+
+}  // namespace tarv

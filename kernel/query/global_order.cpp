@@ -1,0 +1,363 @@
+#include "kernel/query/global_order.h"
+
+#include <algorithm>
+#include <bit>
+
+#include "kernel/query/name_collation.h"
+#include "kernel/query/parallel.h"
+#include "kernel/query/path_order.h"
+#include "kernel/query/radix_order.h"
+
+namespace tarv {
+namespace {
+
+// Symbols of the path walk: the end of a text below a separator below any unit.
+constexpr std::uint32_t kSeparator = 1;
+
+// One level of the path walk over two texts of possibly different flavors.
+// The same unit can be a separator on one side and an ordinary unit on the
+// other ("\" on windows and on posix), so equal units are equal symbols only
+// when both sides read them alike.
+template <class Weight>
+int walkPaths(PathFlavor flavorA, TextView a, PathFlavor flavorB, TextView b, Weight weight) noexcept {
+  const std::size_t shared = std::min(a.size(), b.size());
+  for (std::size_t i = 0; i < shared; ++i) {
+    const Unit ua = a[i];
+    const Unit ub = b[i];
+    const bool sa = path_flavor::isSeparator(flavorA, ua);
+    const bool sb = path_flavor::isSeparator(flavorB, ub);
+    if (ua == ub && sa == sb) {
+      if (ua == 0) return 0;
+      continue;
+    }
+    const std::uint32_t wa = sa ? kSeparator : weight(ua) + 2;
+    const std::uint32_t wb = sb ? kSeparator : weight(ub) + 2;
+    if (wa != wb) return wa < wb ? -1 : 1;
+    if (sa || sb) continue;  // two separators ("\" and "/") weigh the same
+    if (ua == 0 || ub == 0) return ua < ub ? -1 : 1;
+  }
+  if (a.size() == b.size()) return 0;
+  return a.size() < b.size() ? -1 : 1;  // the end weighs least
+}
+
+int compareUnknownFirst(std::uint64_t x, std::uint64_t y) noexcept {
+  x += 1;  // all ones wraps to 0
+  y += 1;
+  return x < y ? -1 : x > y ? 1 : 0;
+}
+
+int bitWidth(std::uint64_t x) noexcept { return x == 0 ? 0 : 64 - std::countl_zero(x); }
+
+std::uint64_t rawValue(const Catalog& catalog, std::int32_t row, SortKey key) noexcept {
+  switch (key) {
+    case SortKey::size: return catalog.rawSize(row);
+    case SortKey::modified: return catalog.rawModified(row);
+    case SortKey::created: return catalog.rawCreated(row);
+    case SortKey::allocated: return catalog.rawAllocated(row);
+    default: return kUnknown64;
+  }
+}
+
+// The number of items of `a` among the first `t` of the stable merge of a and b.
+template <class T, class Less>
+std::size_t coRank(std::size_t t, std::span<const T> a, std::span<const T> b, const Less& less) {
+  std::size_t lo = t > b.size() ? t - b.size() : 0;
+  std::size_t hi = std::min(t, a.size());
+  while (lo < hi) {
+    const std::size_t i = lo + (hi - lo) / 2;
+    const std::size_t j = t - i;
+    if (j > 0 && less(b[j - 1], a[i])) hi = i;
+    else lo = i + 1;
+  }
+  return lo;
+}
+
+// Merges the sorted runs of `items` (consecutive, covering it) into one sorted
+// sequence. Runs merge pairwise in rounds; each merge is cut at co-ranks into
+// pieces that all workers share, so even the last merge runs in parallel.
+template <class T, class Less>
+void mergeRuns(std::vector<T>& items, std::vector<std::pair<std::int64_t, std::int64_t>> runs, const Less& less) {
+  std::vector<T> buffer(items.size());
+  std::vector<T>* from = &items;
+  std::vector<T>* to = &buffer;
+  const std::int64_t wantedPieces = 4 * Parallel::workers();
+  while (runs.size() > 1) {
+    struct Piece {
+      std::int64_t a, aEnd, b, bEnd, out;
+    };
+    std::vector<Piece> pieces;
+    std::vector<std::pair<std::int64_t, std::int64_t>> merged;
+    const auto pairs = static_cast<std::int64_t>(runs.size() / 2);
+    const std::int64_t split = std::max<std::int64_t>(1, wantedPieces / pairs);
+    for (std::size_t r = 0; r + 1 < runs.size(); r += 2) {
+      const auto [aBegin, aEnd] = runs[r];
+      const auto [bBegin, bEnd] = runs[r + 1];
+      std::span<const T> a(from->data() + aBegin, static_cast<std::size_t>(aEnd - aBegin));
+      std::span<const T> b(from->data() + bBegin, static_cast<std::size_t>(bEnd - bBegin));
+      const std::int64_t total = (aEnd - aBegin) + (bEnd - bBegin);
+      std::size_t previousA = 0, previousT = 0;
+      for (std::int64_t s = 1; s <= split; ++s) {
+        const auto t = static_cast<std::size_t>(total * s / split);
+        const std::size_t i = s == split ? a.size() : coRank(t, a, b, less);
+        pieces.push_back({aBegin + static_cast<std::int64_t>(previousA), aBegin + static_cast<std::int64_t>(i),
+                          bBegin + static_cast<std::int64_t>(previousT - previousA),
+                          bBegin + static_cast<std::int64_t>(t - i), aBegin + static_cast<std::int64_t>(previousT)});
+        previousA = i;
+        previousT = t;
+      }
+      merged.emplace_back(aBegin, bEnd);
+    }
+    if (runs.size() % 2 == 1) {
+      const auto [begin, end] = runs.back();
+      pieces.push_back({begin, end, end, end, begin});  // an odd run is copied across
+      merged.push_back(runs.back());
+    }
+    Parallel::chunks(static_cast<std::int64_t>(pieces.size()), 1, 1, [&](std::int64_t first, std::int64_t last) {
+      for (std::int64_t p = first; p < last; ++p) {
+        const Piece& piece = pieces[static_cast<std::size_t>(p)];
+        std::merge(from->begin() + piece.a, from->begin() + piece.aEnd, from->begin() + piece.b,
+                   from->begin() + piece.bEnd, to->begin() + piece.out, less);
+      }
+    });
+    runs = std::move(merged);
+    std::swap(from, to);
+  }
+  if (from != &items) items.swap(buffer);
+}
+
+}  // namespace
+
+GlobalOrder::GlobalOrder(std::vector<SearchIndexPtr> indexes, std::shared_ptr<const Compatibility> compatibility)
+    : indexes_(std::move(indexes)), compatibility_(std::move(compatibility)) {
+  starts_.reserve(indexes_.size() + 1);
+  starts_.push_back(0);
+  for (const auto& index : indexes_) starts_.push_back(starts_.back() + index->catalog().count());
+  rankParents();
+  rankLabels();
+}
+
+std::size_t GlobalOrder::sourceOf(std::int32_t id) const noexcept {
+  // The last start not above the id; empty sources share their start with
+  // the next source and are skipped by taking the last such entry.
+  const auto it = std::upper_bound(starts_.begin(), starts_.end() - 1, std::int64_t(id));
+  return static_cast<std::size_t>(it - starts_.begin()) - 1;
+}
+
+int GlobalOrder::comparePaths(const Compatibility& compatibility, PathFlavor flavorA, TextView a, PathFlavor flavorB,
+                              TextView b) noexcept {
+  const TextView ta = PathOrder::trimmed(flavorA, a);
+  const TextView tb = PathOrder::trimmed(flavorB, b);
+  const auto& order = compatibility.orderTable();
+  if (int r = walkPaths(flavorA, ta, flavorB, tb, [&](Unit u) { return name_collation::weight1(order, u); })) return r;
+  const auto& letterCase = compatibility.letterCaseTable();
+  if (int r = walkPaths(flavorA, ta, flavorB, tb, [&](Unit u) { return std::uint32_t(letterCase[u]); })) return r;
+  if (int r = walkPaths(flavorA, ta, flavorB, tb, [](Unit u) { return std::uint32_t(u); })) return r;
+  const int raw = a.compare(b);
+  return raw < 0 ? -1 : raw > 0 ? 1 : 0;
+}
+
+void GlobalOrder::rankParents() {
+  parentRanks_.resize(indexes_.size());
+  if (indexes_.size() == 1) {
+    const auto& own = indexes_.front()->parentRanks();
+    parentRanks_.front().assign(own.begin(), own.end());
+    parentRankCount_ = static_cast<std::int32_t>(own.size());
+    return;
+  }
+  // Each source's parents in its own path order form a sorted run; the merge
+  // of the runs is the path order of all parent texts.
+  struct Parent {
+    std::int32_t source;
+    std::int32_t index;
+  };
+  std::vector<Parent> parents;
+  std::vector<std::pair<std::int64_t, std::int64_t>> runs;
+  for (std::size_t s = 0; s < indexes_.size(); ++s) {
+    const auto& ranks = indexes_[s]->parentRanks();
+    const auto begin = static_cast<std::int64_t>(parents.size());
+    parents.resize(parents.size() + ranks.size());
+    for (std::size_t p = 0; p < ranks.size(); ++p)
+      parents[static_cast<std::size_t>(begin) + static_cast<std::size_t>(ranks[p])] = {static_cast<std::int32_t>(s),
+                                                                                        static_cast<std::int32_t>(p)};
+    if (!ranks.empty()) runs.emplace_back(begin, static_cast<std::int64_t>(parents.size()));
+    parentRanks_[s].assign(ranks.size(), 0);
+  }
+  auto text = [&](const Parent& p) {
+    return indexes_[static_cast<std::size_t>(p.source)]->catalog().parentUnits(static_cast<std::uint32_t>(p.index));
+  };
+  auto flavor = [&](const Parent& p) { return indexes_[static_cast<std::size_t>(p.source)]->catalog().pathFlavor(); };
+  auto comparison = [&](const Parent& x, const Parent& y) {
+    return comparePaths(*compatibility_, flavor(x), text(x), flavor(y), text(y));
+  };
+  mergeRuns(parents, std::move(runs), [&](const Parent& x, const Parent& y) {
+    const int r = comparison(x, y);
+    return r != 0 ? r < 0 : x.source < y.source;
+  });
+  // Texts that compare equal (the same text in two sources) share a rank.
+  std::int32_t rank = -1;
+  for (std::size_t i = 0; i < parents.size(); ++i) {
+    if (i == 0 || comparison(parents[i - 1], parents[i]) != 0) ++rank;
+    parentRanks_[static_cast<std::size_t>(parents[i].source)][static_cast<std::size_t>(parents[i].index)] = rank;
+  }
+  parentRankCount_ = rank + 1;
+}
+
+void GlobalOrder::rankLabels() {
+  labelRanks_.resize(indexes_.size());
+  struct Label {
+    std::size_t source;
+    std::size_t device;
+    const Text* text;
+  };
+  std::vector<Label> labels;
+  for (std::size_t s = 0; s < indexes_.size(); ++s) {
+    const auto& deviceLabels = indexes_[s]->catalog().parts().deviceLabels;
+    labelRanks_[s].assign(deviceLabels.size(), 0);
+    for (std::size_t d = 0; d < deviceLabels.size(); ++d)
+      if (deviceLabels[d]) labels.push_back({s, d, &*deviceLabels[d]});
+  }
+  std::sort(labels.begin(), labels.end(), [&](const Label& x, const Label& y) {
+    const int r = compatibility_->compareNames(*x.text, *y.text);
+    return r != 0 ? r < 0 : std::pair(x.source, x.device) < std::pair(y.source, y.device);
+  });
+  std::int32_t rank = 0;  // 0 is "no label"
+  for (std::size_t i = 0; i < labels.size(); ++i) {
+    if (i == 0 || compatibility_->compareNames(*labels[i - 1].text, *labels[i].text) != 0) ++rank;
+    labelRanks_[labels[i].source][labels[i].device] = rank;
+  }
+  labelRankCount_ = rank;
+}
+
+int GlobalOrder::compare(std::int32_t a, std::int32_t b, SortKey key) const noexcept {
+  if (a == b) return 0;
+  const std::size_t sa = sourceOf(a);
+  const std::size_t sb = sourceOf(b);
+  const auto ra = static_cast<std::int32_t>(a - starts_[sa]);
+  const auto rb = static_cast<std::int32_t>(b - starts_[sb]);
+  const Catalog& ca = indexes_[sa]->catalog();
+  const Catalog& cb = indexes_[sb]->catalog();
+  const bool fa = ca.isDirectory(ra);
+  const bool fb = cb.isDirectory(rb);
+  if (fa != fb) return fa ? -1 : 1;
+  const std::int32_t pa = parentRanks_[sa][ca.parentIndex(ra)];
+  const std::int32_t pb = parentRanks_[sb][cb.parentIndex(rb)];
+  switch (key) {
+    case SortKey::path:
+      if (pa != pb) return pa < pb ? -1 : 1;
+      break;
+    case SortKey::size:
+    case SortKey::modified:
+    case SortKey::created:
+    case SortKey::allocated:
+      if (int r = compareUnknownFirst(rawValue(ca, ra, key), rawValue(cb, rb, key))) return r;
+      break;
+    case SortKey::device: {
+      const std::int32_t la = RowOrder::rowLabelRank(ca, labelRanks_[sa], ra);
+      const std::int32_t lb = RowOrder::rowLabelRank(cb, labelRanks_[sb], rb);
+      if (la != lb) return la < lb ? -1 : 1;
+      break;
+    }
+    case SortKey::name:
+    case SortKey::none:
+      break;
+  }
+  const TextView na = ca.nameUnits(ra);
+  const TextView nb = cb.nameUnits(rb);
+  if (int r = name_collation::level1(compatibility_->orderTable(), na, nb)) return r;
+  if (pa != pb) return pa < pb ? -1 : 1;
+  if (int r = name_collation::level2(compatibility_->letterCaseTable(), na, nb)) return r;
+  if (int r = name_collation::level3(na, nb)) return r;
+  // The source listed earlier, then the lower row: the lower global id.
+  return a < b ? -1 : 1;
+}
+
+Column<std::int32_t> GlobalOrder::nameOrder() const {
+  if (indexes_.size() == 1) return indexes_.front()->order(SortKey::name);
+  std::vector<std::int32_t> ids(static_cast<std::size_t>(total()));
+  std::vector<std::pair<std::int64_t, std::int64_t>> runs;
+  for (std::size_t s = 0; s < indexes_.size(); ++s) {
+    const Column<std::int32_t> own = indexes_[s]->order(SortKey::name);
+    const std::int64_t start = starts_[s];
+    const auto n = static_cast<std::int64_t>(own.size());
+    Parallel::chunks(n, 1, 1 << 16, [&](std::int64_t begin, std::int64_t end) {
+      for (auto i = begin; i < end; ++i)
+        ids[static_cast<std::size_t>(start + i)] = static_cast<std::int32_t>(start + own[static_cast<std::size_t>(i)]);
+    });
+    if (n > 0) runs.emplace_back(start, start + n);
+  }
+  mergeRuns(ids, std::move(runs), [&](std::int32_t x, std::int32_t y) { return compare(x, y, SortKey::name) < 0; });
+  return Column<std::int32_t>::owned(std::move(ids));
+}
+
+std::vector<std::int32_t> GlobalOrder::sortedByKey(std::span<const std::int32_t> nameOrder, SortKey key) const {
+  // The name order is the tie-break order within folders and within files,
+  // so a stable sort of it by (folders first, key value) is the key's order.
+  auto located = [&](std::int32_t id) {
+    const std::size_t s = sourceOf(id);
+    return std::pair(s, static_cast<std::int32_t>(id - starts_[s]));
+  };
+  auto fileBit = [&](std::int32_t id) -> std::uint64_t {
+    const auto [s, row] = located(id);
+    return indexes_[s]->catalog().isDirectory(row) ? 0 : 1;
+  };
+  if (key == SortKey::path) {
+    const int bits = bitWidth(static_cast<std::uint64_t>(std::max(parentRankCount_ - 1, 0)));
+    return radixOrder(nameOrder, bits + 1, [&](std::int32_t id) {
+      const auto [s, row] = located(id);
+      const Catalog& c = indexes_[s]->catalog();
+      return std::uint64_t(c.isDirectory(row) ? 0 : 1) << bits |
+             static_cast<std::uint64_t>(parentRanks_[s][c.parentIndex(row)]);
+    });
+  }
+  if (key == SortKey::device) {
+    const int bits = bitWidth(static_cast<std::uint64_t>(labelRankCount_));
+    return radixOrder(nameOrder, bits + 1, [&](std::int32_t id) {
+      const auto [s, row] = located(id);
+      const Catalog& c = indexes_[s]->catalog();
+      return std::uint64_t(c.isDirectory(row) ? 0 : 1) << bits |
+             static_cast<std::uint64_t>(RowOrder::rowLabelRank(c, labelRanks_[s], row));
+    });
+  }
+  if (key != SortKey::size && key != SortKey::modified && key != SortKey::created && key != SortKey::allocated)
+    return radixOrder(nameOrder, 1, fileBit);
+
+  // The range of known values decides how many bits the passes must cover.
+  std::uint64_t low = kUnknown64, high = 0;
+  bool known = false;
+  for (std::size_t s = 0; s < indexes_.size(); ++s) {
+    const Catalog& c = indexes_[s]->catalog();
+    for (std::int32_t row = 0; row < c.count(); ++row) {
+      const std::uint64_t v = rawValue(c, row, key);
+      if (v == kUnknown64) continue;
+      known = true;
+      low = std::min(low, v);
+      high = std::max(high, v);
+    }
+  }
+  if (!known) return radixOrder(nameOrder, 1, fileBit);
+  const int bits = bitWidth(high - low);
+  auto value = [&](std::int32_t id) {
+    const auto [s, row] = located(id);
+    return rawValue(indexes_[s]->catalog(), row, key);
+  };
+  if (bits <= 62) {
+    // (file, known) in the two top bits, the offset from the lowest known value below.
+    return radixOrder(nameOrder, bits + 2, [&](std::int32_t id) {
+      const std::uint64_t v = value(id);
+      const bool isKnown = v != kUnknown64;
+      return (fileBit(id) << 1 | (isKnown ? 1u : 0u)) << bits | (isKnown ? v - low : 0);
+    });
+  }
+  // Values spread over nearly all 64 bits: by value (unknown wrapping to 0),
+  // then stably by folder.
+  auto byValue = radixOrder(nameOrder, 64, [&](std::int32_t id) { return value(id) + 1; });
+  return radixOrder(byValue, 1, fileBit);
+}
+
+Column<std::int32_t> GlobalOrder::orderFrom(const Column<std::int32_t>& nameOrder, SortKey key) const {
+  if (key == SortKey::name || key == SortKey::none) return nameOrder;
+  if (indexes_.size() == 1) return indexes_.front()->order(key);
+  return Column<std::int32_t>::owned(sortedByKey(nameOrder.span(), key));
+}
+
+}  // namespace tarv

@@ -1,0 +1,207 @@
+#include "kernel/query/joined_search.h"
+
+#include <algorithm>
+#include <limits>
+
+#include "kernel/base/json.h"
+#include "kernel/base/kernel_error.h"
+#include "kernel/base/sha256.h"
+#include "kernel/query/parallel.h"
+
+namespace tarv {
+namespace {
+
+std::vector<SearchIndexPtr> checkedIndexes(const std::vector<JoinedSearch::Source>& sources,
+                                           std::vector<SearchIndexPtr> indexes) {
+  if (sources.size() != indexes.size())
+    throw KernelError::invalid("Joined search needs one index per source");
+  std::int64_t rows = 0;
+  for (std::size_t s = 0; s < sources.size(); ++s) {
+    if (!indexes[s] || !sources[s].catalog || &indexes[s]->catalog() != sources[s].catalog.get())
+      throw KernelError::invalid("Index does not belong to source " + sources[s].id);
+    rows += sources[s].catalog->count();
+  }
+  // Global ids are 32-bit signed values.
+  if (rows > std::numeric_limits<std::int32_t>::max())
+    throw KernelError::invalid("Too many records to search together: " + std::to_string(rows));
+  return indexes;
+}
+
+std::string deriveJoinKey(const std::vector<std::string>& keys) {
+  json::Value array = json::Value::array();
+  for (const auto& key : keys) array.push_back(key);
+  const std::string text = json::encode(array);
+  Sha256 digest;
+  digest.update(text.data(), text.size());
+  return digest.finishHex().substr(0, 32);
+}
+
+// Sets the members of one source's selection in the bitset over global ids,
+// shifted to the source's first id.
+void placeSelection(const Bitset& local, std::int64_t start, std::vector<std::uint64_t>& global) {
+  const auto base = static_cast<std::size_t>(start >> 6);
+  const int shift = static_cast<int>(start & 63);
+  const auto& words = local.words();
+  for (std::size_t w = 0; w < words.size(); ++w) {
+    const std::uint64_t bits = words[w];
+    if (bits == 0) continue;
+    global[base + w] |= bits << shift;
+    if (shift != 0 && base + w + 1 < global.size()) global[base + w + 1] |= bits >> (64 - shift);
+  }
+}
+
+}  // namespace
+
+JoinedSearch::JoinedSearch(std::vector<Source> sources, std::vector<SearchIndexPtr> indexes,
+                           std::vector<std::string> cacheKeys, std::shared_ptr<const Compatibility> compatibility)
+    : JoinedSearch(std::move(sources), std::move(indexes), std::move(cacheKeys), std::move(compatibility), Tuning()) {}
+
+JoinedSearch::JoinedSearch(std::vector<Source> sources, std::vector<SearchIndexPtr> indexes,
+                           std::vector<std::string> cacheKeys, std::shared_ptr<const Compatibility> compatibility,
+                           Tuning tuning)
+    : sources_(std::move(sources)),
+      indexes_(checkedIndexes(sources_, std::move(indexes))),
+      cacheKeys_(std::move(cacheKeys)),
+      compatibility_(std::move(compatibility)),
+      tuning_(tuning),
+      order_(indexes_, compatibility_),
+      joinKey_(deriveJoinKey(cacheKeys_)) {
+  engines_.reserve(indexes_.size());
+  for (const auto& index : indexes_) engines_.emplace_back(index, tuning_.scanMinimum);
+
+  // Every key that any source stores; a source without the column takes part
+  // with all its values unknown (its own order for the key is its name order).
+  for (const SortKey key : kSortKeys) {
+    if (key == SortKey::device || key == SortKey::none) continue;
+    const bool always = key == SortKey::name || key == SortKey::path || key == SortKey::size ||
+                        key == SortKey::modified;
+    const bool any = std::any_of(indexes_.begin(), indexes_.end(), [&](const auto& i) { return i->stores(key); });
+    if (always || any) storedKeys_.push_back(key);
+  }
+  const Column<std::int32_t> names = order_.nameOrder();
+  for (const SortKey key : storedKeys_) orders_.push_back(order_.orderFrom(names, key));
+}
+
+const std::vector<std::string>& JoinedSearch::sorts() {
+  static const std::vector<std::string> names(kSortNames.begin(), kSortNames.end());
+  return names;
+}
+
+Column<std::int32_t> JoinedSearch::order(SortKey key) const {
+  if (key == SortKey::device) {
+    std::lock_guard<std::mutex> lock(deviceLock_);
+    if (!deviceOrder_) deviceOrder_ = order_.orderFrom(orders_.front(), SortKey::device);
+    return *deviceOrder_;
+  }
+  for (std::size_t k = 0; k < storedKeys_.size(); ++k)
+    if (storedKeys_[k] == key) return orders_[k];
+  return orders_.front();  // name, none, or a column no source has
+}
+
+int JoinedSearch::compare(std::int32_t a, std::int32_t b, SortSpec spec) const noexcept {
+  const int r = order_.compare(a, b, spec.key == SortKey::none ? SortKey::name : spec.key);
+  return spec.descending ? -r : r;
+}
+
+JoinedSearch::Result JoinedSearch::search(std::string_view query, std::string_view sort) const {
+  const SortSpec spec = SortSpec::validated(sort);
+  const Text units = utf16(query);
+  Result result;
+  std::vector<Bitset> selections;
+  selections.reserve(engines_.size());
+  for (const ExecutionPlanner& engine : engines_) {
+    ExecutionPlanner::Selection selection = engine.select(units);
+    result.total += selection.count;
+    result.strategies.push_back(selection.strategy);
+    selections.push_back(std::move(selection.rows));
+  }
+  result.ids = ordered(selections, result.total, spec);
+  return result;
+}
+
+Column<std::int32_t> JoinedSearch::ordered(std::vector<Bitset>& selections, std::int64_t total, SortSpec spec) const {
+  const std::int64_t rows = this->total();
+  if (total == 0) return Column<std::int32_t>::owned({});
+  const auto& starts = order_.starts();
+
+  // A small result is cheaper to sort than to find in the whole order.
+  if (total <= std::max(tuning_.sortAtMost, rows / std::max<std::int64_t>(tuning_.sortRatio, 1))) {
+    std::vector<std::int32_t> ids;
+    ids.reserve(static_cast<std::size_t>(total));
+    for (std::size_t s = 0; s < selections.size(); ++s) {
+      const auto start = static_cast<std::int32_t>(starts[s]);
+      selections[s].forEach([&](std::int64_t row) { ids.push_back(start + static_cast<std::int32_t>(row)); });
+    }
+    std::sort(ids.begin(), ids.end(), [&](std::int32_t a, std::int32_t b) { return compare(a, b, spec) < 0; });
+    return Column<std::int32_t>::owned(std::move(ids));
+  }
+
+  const Column<std::int32_t> order = this->order(spec.key);
+  const auto n = static_cast<std::int64_t>(order.size());
+  if (total == rows && !spec.descending) return order;  // every row: the order itself
+
+  std::vector<std::uint64_t> members;
+  if (total != rows) {
+    members.assign(Bitset::wordCount(rows), 0);
+    for (std::size_t s = 0; s < selections.size(); ++s) placeSelection(selections[s], starts[s], members);
+  }
+  selections.clear();
+  const bool everyRow = members.empty();
+  auto isMember = [&](std::int32_t id) { return everyRow || Bitset::test(members, id); };
+
+  // Count per chunk, place the chunks by running sums, then copy in parallel.
+  // Descending: each chunk is walked backwards and the chunks are placed in
+  // reverse, so the output is exactly the ascending output reversed.
+  const Parallel::Plan plan = Parallel::plan(n, 1, tuning_.walkMinimum);
+  auto chunkOf = [&](std::int64_t begin) {
+    return plan.serial ? std::size_t(0) : static_cast<std::size_t>(begin / plan.length);
+  };
+  std::vector<std::int64_t> counts(static_cast<std::size_t>(plan.chunks), 0);
+  const std::int32_t* ids = order.data();
+  Parallel::chunks(n, 1, tuning_.walkMinimum, [&](std::int64_t begin, std::int64_t end) {
+    std::int64_t found = 0;
+    for (auto i = begin; i < end; ++i) found += isMember(ids[i]) ? 1 : 0;
+    counts[chunkOf(begin)] = found;
+  });
+  std::vector<std::int64_t> offsets(counts.size(), 0);
+  std::int64_t running = 0;
+  for (std::size_t c = 0; c < counts.size(); ++c) {
+    offsets[c] = running;
+    running += counts[c];
+  }
+  std::vector<std::int32_t> out(static_cast<std::size_t>(running));
+  Parallel::chunks(n, 1, tuning_.walkMinimum, [&](std::int64_t begin, std::int64_t end) {
+    const std::size_t c = chunkOf(begin);
+    if (!spec.descending) {
+      std::int32_t* to = out.data() + offsets[c];
+      for (auto i = begin; i < end; ++i)
+        if (isMember(ids[i])) *to++ = ids[i];
+    } else {
+      std::int32_t* to = out.data() + (running - offsets[c] - counts[c]);
+      for (auto i = end; i-- > begin;)
+        if (isMember(ids[i])) *to++ = ids[i];
+    }
+  });
+  return Column<std::int32_t>::owned(std::move(out));
+}
+
+JoinedSearch::Row JoinedSearch::row(std::int64_t id) const {
+  if (id < 0 || id >= total()) throw KernelError::invalid("Row id out of range: " + std::to_string(id));
+  const std::size_t s = order_.sourceOf(static_cast<std::int32_t>(id));
+  const auto r = static_cast<std::int32_t>(id - order_.starts()[s]);
+  const Catalog& catalog = *sources_[s].catalog;
+  Row row;
+  row.id = id;
+  row.sourceId = sources_[s].id;
+  row.name = catalog.name(r);
+  row.path = catalog.displayPath(r);
+  row.kind = catalog.recordKind(r);
+  row.size = catalog.sizeBytes(r);
+  row.modifiedMs = catalog.modifiedUnixMs(r);
+  row.createdMs = catalog.createdUnixMs(r);
+  row.sizeOnDisk = catalog.sizeOnDisk(r);
+  row.device = catalog.deviceName(r);
+  return row;
+}
+
+}  // namespace tarv
