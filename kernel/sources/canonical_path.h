@@ -13,6 +13,10 @@
 
 namespace tarv::canonical {
 
+// The rule's message for `path`, or nullptr when the path is valid (for
+// callers that collect problems instead of throwing).
+const char* posixPathProblem(std::string_view path) noexcept;
+
 // On UTF-8 bytes. The rule only looks at "/", "." and NUL, which UTF-8 never
 // uses inside a multi-byte sequence, so it agrees with the UTF-16 form.
 void checkAbsolutePosixPath(std::string_view path);

@@ -343,6 +343,61 @@ TEST(SnapshotCatalog, RecordsBecomeRows) {
   EXPECT_EQ(catalog.modifiedUnixMs(0), std::nullopt);
 }
 
+// Files over a megabyte are read in chunks on several threads; record numbers,
+// duplicates and the first failing record must not depend on that.
+TEST(SnapshotChunks, LargeFilesKeepFileOrder) {
+  const int count = 16000;  // about 3 MiB: several chunks
+  std::vector<std::string> records;
+  records.push_back(Record("/r", "directory").json());
+  for (int i = 1; i < count; ++i)
+    records.push_back(Record("/r/file-number-" + std::to_string(i) + "-with-a-long-name.txt")
+                          .set("logicalSize", std::to_string(i))
+                          .json());
+  auto join = [](const std::vector<std::string>& lines, const std::string& separator) {
+    std::string out;
+    for (const auto& line : lines) out += line + separator;
+    return out;
+  };
+  std::uint64_t total = 0;
+  for (int i = 1; i < count; ++i) total += static_cast<std::uint64_t>(i);
+
+  for (const char* separator : {"\n", "\r\n", "\r"}) {
+    auto catalog = loadText(join(records, separator), "/r");
+    ASSERT_EQ(catalog.count(), count) << "separator " << int(separator[0]);
+    for (int row : {1, 5000, 9999, count - 1})
+      EXPECT_EQ(catalog.sizeBytes(row), static_cast<std::uint64_t>(row)) << row;
+    EXPECT_EQ(catalog.sizeBytes(0), total) << "the folder sums every file";
+  }
+
+  struct Case {
+    const char* label;
+    int line;              // replaced line (0-based)
+    std::string with;      // its new text
+    std::string expected;  // message
+    int laterLine;         // another replaced line further on, or -1
+    std::string laterWith;
+  };
+  const Case cases[] = {
+      {"bad record near the end", 14000, Record("/r/x", "link").json(), "Snapshot record 14001: Unsupported kind", -1, ""},
+      {"duplicate of an early record", 15000, Record("/r/file-number-3-with-a-long-name.txt").json(),
+       "Snapshot record 15001: Duplicate path", -1, ""},
+      {"duplicate wins over a later check", 15500,
+       Record("/r/file-number-3-with-a-long-name.txt").set("synthetic", "0").json(),
+       "Snapshot record 15501: Duplicate path", -1, ""},
+      {"blank line late in the file", 12345, "", "Snapshot record 12346: Expected JSON object", -1, ""},
+      {"two problems, the earlier wins", 9000, "[]", "Snapshot record 9001: Expected JSON object", 15900, "{"},
+  };
+  for (const auto& c : cases) {
+    auto damaged = records;
+    damaged[static_cast<std::size_t>(c.line)] = c.with;
+    if (c.laterLine >= 0) damaged[static_cast<std::size_t>(c.laterLine)] = c.laterWith;
+    EXPECT_EQ(describe(errorOf(join(damaged, "\n"), "/r")), "io: " + c.expected) << c.label;
+  }
+  EXPECT_EQ(describe(errorOf(join(records, "\n") + "\n", "/r")),
+            "io: Snapshot record " + std::to_string(count + 1) + ": Expected JSON object")
+      << "a blank last line after a large file";
+}
+
 // Damaged files must end in a KernelError, never a crash, a hang or another
 // exception. Run under the address sanitizer this also checks bounds.
 TEST(SnapshotRobustness, DamagedInputOnlyRaisesKernelErrors) {
