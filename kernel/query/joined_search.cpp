@@ -124,6 +124,9 @@ Column<std::int32_t> JoinedSearch::ordered(std::vector<Bitset>& selections, std:
   if (total == 0) return Column<std::int32_t>::owned({});
   const auto& starts = order_.starts();
 
+  // Every row: the order itself, shared.
+  if (total == rows && !spec.descending) return order(spec.key);
+
   // A small result is cheaper to sort than to find in the whole order.
   if (total <= std::max(tuning_.sortAtMost, rows / std::max<std::int64_t>(tuning_.sortRatio, 1))) {
     std::vector<std::int32_t> ids;
@@ -138,7 +141,6 @@ Column<std::int32_t> JoinedSearch::ordered(std::vector<Bitset>& selections, std:
 
   const Column<std::int32_t> order = this->order(spec.key);
   const auto n = static_cast<std::int64_t>(order.size());
-  if (total == rows && !spec.descending) return order;  // every row: the order itself
 
   std::vector<std::uint64_t> members;
   if (total != rows) {
