@@ -24,17 +24,19 @@ bool isAsciiLetter(Unit u) { return (u >= u'A' && u <= u'Z') || (u >= u'a' && u 
 // all-ones value, which the catalog reads as unknown.
 std::optional<std::uint64_t> leadingDigits(std::string_view field) {
   if (field.empty()) return std::nullopt;
-  std::size_t digits = 0;
-  while (digits < field.size() && field[digits] >= '0' && field[digits] <= '9') ++digits;
   std::uint64_t value = 0;
-  if (digits <= 19) {  // 19 digits always fit: no overflow checks on the common path
-    for (std::size_t i = 0; i < digits; ++i) value = value * 10 + static_cast<std::uint64_t>(field[i] - '0');
-    return value;
+  std::size_t i = 0;
+  // Nineteen digits always fit, so the common case needs no overflow checks.
+  for (std::size_t fast = std::min<std::size_t>(field.size(), 19); i < fast; ++i) {
+    auto digit = static_cast<unsigned>(static_cast<unsigned char>(field[i]) - '0');
+    if (digit > 9) return value;
+    value = value * 10 + digit;
   }
-  for (std::size_t i = 0; i < digits; ++i)
-    if (__builtin_mul_overflow(value, 10u, &value) ||
-        __builtin_add_overflow(value, static_cast<std::uint64_t>(field[i] - '0'), &value))
-      return kUnknown64;
+  for (; i < field.size(); ++i) {
+    auto digit = static_cast<unsigned>(static_cast<unsigned char>(field[i]) - '0');
+    if (digit > 9) break;
+    if (__builtin_mul_overflow(value, 10u, &value) || __builtin_add_overflow(value, digit, &value)) return kUnknown64;
+  }
   return value;
 }
 

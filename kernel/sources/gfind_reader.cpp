@@ -1,5 +1,6 @@
 #include "kernel/sources/gfind_reader.h"
 
+#include <algorithm>
 #include <cstring>
 #include <optional>
 
@@ -39,10 +40,16 @@ int kindOf(char letter) {
 std::optional<std::uint64_t> decimal(std::string_view text) {
   if (text.empty()) return std::nullopt;
   std::uint64_t value = 0;
-  for (char c : text) {
-    if (c < '0' || c > '9') return std::nullopt;
-    if (__builtin_mul_overflow(value, 10u, &value) ||
-        __builtin_add_overflow(value, static_cast<std::uint64_t>(c - '0'), &value))
+  std::size_t i = 0;
+  // Nineteen digits always fit, so the common case needs no overflow checks.
+  for (std::size_t fast = std::min<std::size_t>(text.size(), 19); i < fast; ++i) {
+    auto digit = static_cast<unsigned>(static_cast<unsigned char>(text[i]) - '0');
+    if (digit > 9) return std::nullopt;
+    value = value * 10 + digit;
+  }
+  for (; i < text.size(); ++i) {
+    auto digit = static_cast<unsigned>(static_cast<unsigned char>(text[i]) - '0');
+    if (digit > 9 || __builtin_mul_overflow(value, 10u, &value) || __builtin_add_overflow(value, digit, &value))
       return std::nullopt;
   }
   return value;
