@@ -169,6 +169,51 @@ void applyToLeaf(Term& term, const ModState& state, const Compatibility& compati
     term.text = term.sensitive ? term.raw : compatibility.fold(term.raw);
 }
 
+// Modifier settings pending on group terms, keyed by term address: an
+// open-addressing table, since a long chain of modified groups can put a
+// pending entry on every level and a node-based map costs far more.
+class PendingTable {
+ public:
+  bool empty() const { return used_ == 0; }
+  const ModState* find(const Term* term) const {
+    if (slots_.empty()) return nullptr;
+    for (std::size_t i = slotOf(term);; i = (i + 1) & (slots_.size() - 1)) {
+      if (slots_[i].first == term) return &slots_[i].second;
+      if (slots_[i].first == nullptr) return nullptr;
+    }
+  }
+  // The entry of `term`, created with no settings when missing.
+  ModState& at(const Term* term) {
+    if ((used_ + 1) * 2 > slots_.size()) grow();
+    std::size_t i = slotOf(term);
+    while (slots_[i].first != nullptr && slots_[i].first != term) i = (i + 1) & (slots_.size() - 1);
+    if (slots_[i].first == nullptr) {
+      slots_[i].first = term;
+      ++used_;
+    }
+    return slots_[i].second;
+  }
+
+ private:
+  std::size_t slotOf(const Term* term) const {
+    auto x = static_cast<std::uint64_t>(reinterpret_cast<std::uintptr_t>(term));
+    x ^= x >> 33;
+    x *= 0xFF51AFD7ED558CCDull;
+    x ^= x >> 33;
+    return static_cast<std::size_t>(x) & (slots_.size() - 1);
+  }
+  void grow() {
+    std::vector<std::pair<const Term*, ModState>> old(std::max<std::size_t>(64, slots_.size() * 2));
+    old.swap(slots_);
+    used_ = 0;
+    for (const auto& [term, mods] : old)
+      if (term != nullptr) at(term) = mods;
+  }
+
+  std::vector<std::pair<const Term*, ModState>> slots_;
+  std::size_t used_ = 0;
+};
+
 }  // namespace
 
 bool Query::Parser::isWhitespace(Unit u) noexcept {
@@ -240,7 +285,7 @@ class Query::Parser::Machine {
   std::vector<Context> contexts_;
   std::vector<Frame> frames_;
   std::deque<Text> buffers_;  // tokens with quotes removed; stable addresses
-  std::unordered_map<Term*, ModState> pending_;
+  PendingTable pending_;
 };
 
 bool Query::Parser::Machine::endsToken(TextView soFar, Unit u) const {
@@ -528,15 +573,15 @@ void Query::Parser::Machine::applyPending(Term& term, const ModState& mods) {
     applyToLeaf(term, mods, compatibility_);
     return;
   }
-  auto [it, inserted] = pending_.try_emplace(&term, mods);
-  if (!inserted) it->second = ModState::over(mods, it->second);
+  ModState& entry = pending_.at(&term);
+  entry = ModState::over(mods, entry);
 }
 
 void Query::Parser::Machine::flushPending(Term& term) {
-  auto it = pending_.find(&term);
-  if (it == pending_.end()) return;
-  const ModState mods = it->second;
-  pending_.erase(it);
+  const ModState* entry = pending_.find(&term);
+  if (entry == nullptr || entry->empty()) return;
+  const ModState mods = *entry;
+  pending_.at(&term) = ModState{};  // applied below; nothing stays pending here
   for (const TermPtr& child : term.children) applyPending(*child, mods);
 }
 
@@ -547,14 +592,14 @@ void Query::Parser::Machine::resolve(Term& root) {
     auto [term, inherited] = stack.back();
     stack.pop_back();
     ModState state = inherited;
-    if (auto it = pending_.find(term); it != pending_.end()) state = ModState::over(inherited, it->second);
+    if (const ModState* own = pending_.find(term)) state = ModState::over(inherited, *own);
     if (!isComposite(term->kind)) {
       if (!state.empty()) applyToLeaf(*term, state, compatibility_);
       continue;
     }
     for (const TermPtr& child : term->children) stack.emplace_back(child.get(), state);
   }
-  pending_.clear();
+  pending_ = PendingTable();
 }
 
 Query::Parser::Parser(TextView query, const Compatibility& compatibility_, PathFlavor pathFlavor_)

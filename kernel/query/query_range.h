@@ -28,9 +28,8 @@ class Query::Range {
   static Interval value(TextView operand, bool isDate, const Compatibility& compatibility, const Moment& moment);
   // The (low, high) ticks of one date operand (folded before reading).
   static Interval dateValue(TextView operand, const Compatibility& compatibility, const Moment& moment);
-  // Days from 1970-01-01 to the given proleptic Gregorian date (no validation;
-  // month and day may lie outside their usual ranges only as far as the
-  // arithmetic allows).
+  // Days from 1970-01-01 to the given proleptic Gregorian date; negative
+  // before it. `month` must be 1..12; `day` is not checked against the month.
   static std::int64_t epochDay(std::int64_t year, std::int64_t month, std::int64_t day) noexcept;
 };
 
