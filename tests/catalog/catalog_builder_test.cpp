@@ -142,12 +142,6 @@ TEST(CatalogBuilderAncestors, SynthesisedAfterRealRecordsDeepestFirst) {
   }
 }
 
-TEST(CatalogBuilderAncestors, NoneWithoutInference) {
-  CatalogBuilder builder("s", PathFlavor::posix, false, false);
-  addFile(builder, u"/a/b/x");
-  EXPECT_EQ(builder.finish().count(), 1);
-}
-
 TEST(CatalogBuilderColumns, OptionalColumnsOnlyWhenKnown) {
   struct Case {
     const char* label;
@@ -179,13 +173,6 @@ TEST(CatalogBuilderColumns, OptionalColumnsOnlyWhenKnown) {
       EXPECT_EQ(catalog.rawCreated(0), U) << c.label;
     }
   }
-}
-
-TEST(CatalogBuilderColumns, FolderAllocationIsAlwaysUnknown) {
-  CatalogBuilder builder("s", PathFlavor::posix, false, true);
-  builder.add(u"/d", true, 1, U, U, std::nullopt, 1, 4096, std::nullopt);
-  auto catalog = builder.finish();
-  EXPECT_FALSE(catalog.parts().allocations.has_value());
 }
 
 TEST(CatalogBuilderDevices, IdsStopAt65535Devices) {
@@ -236,13 +223,6 @@ TEST(CatalogBuilderFolderSizes, WindowsChildrenUnderEitherSeparator) {
   addFile(builder, u"C:\\a\\s\\z", 4);
   auto catalog = builder.finish();
   EXPECT_EQ(folderSizes(catalog), (std::map<std::string, std::uint64_t>{{"C:\\a", 7}, {"C:\\a\\s", 4}}));
-}
-
-TEST(CatalogBuilderFolderSizes, WithoutDirectorySizesFoldersStayUnknown) {
-  CatalogBuilder builder("s", PathFlavor::posix, false, false);
-  addFolder(builder, u"/a", 50);
-  addFile(builder, u"/a/f", 10);
-  EXPECT_EQ(builder.finish().sizeBytes(0), std::nullopt);
 }
 
 // Random trees against a plain prefix sum: every listed folder's size is the

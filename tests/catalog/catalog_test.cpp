@@ -39,13 +39,6 @@ TEST(CatalogTimes, TicksBecomeUnixMilliseconds) {
   }
 }
 
-TEST(CatalogTimes, CreatedIsAbsentWithoutTheColumn) {
-  auto catalog = oneFile(PathFlavor::posix, u"/f", kEpoch);
-  EXPECT_FALSE(catalog.parts().createdTimes.has_value());
-  EXPECT_EQ(catalog.createdUnixMs(0), std::nullopt);
-  EXPECT_EQ(catalog.rawCreated(0), kUnknown64);
-}
-
 TEST(CatalogSizes, FoldersAndUnknowns) {
   CatalogBuilder builder("s", PathFlavor::posix, false, /*directorySizes=*/false);
   builder.add(u"/d", true, 40, kEpoch, kUnknown64, std::nullopt, 1, 4096, std::nullopt);
@@ -147,14 +140,6 @@ TEST(CatalogPaths, NulInParentOrNameEndsThePath) {
   EXPECT_EQ(Text(catalog.nameUnits(1)), withNulName.substr(3));
 }
 
-TEST(CatalogPaths, DisplayRepairsLoneSurrogates) {
-  Text path = u"/x";
-  path.push_back(static_cast<Unit>(0xD800));
-  auto catalog = oneFile(PathFlavor::posix, path, kEpoch);
-  EXPECT_EQ(catalog.displayPath(0), "/x\xEF\xBF\xBD");
-  EXPECT_EQ(catalog.name(0), "x\xEF\xBF\xBD");
-}
-
 TEST(CatalogDevices, LabelsApplyByDecimalNumber) {
   CatalogBuilder builder("s", PathFlavor::posix, false, false);
   builder.add(u"/a", false, 0, kEpoch, kUnknown64, std::nullopt, 0, kUnknown64, 7u);
@@ -175,14 +160,6 @@ TEST(CatalogDevices, LabelsApplyByDecimalNumber) {
   ASSERT_NE(catalog.deviceLabel(1), nullptr);
   EXPECT_EQ(*catalog.deviceLabel(1), Text(u"Backup \u00e9t\u00e9"));
   EXPECT_EQ(catalog.deviceName(2), std::nullopt);
-}
-
-TEST(CatalogDevices, NoDeviceColumnWithoutDevices) {
-  auto catalog = oneFile(PathFlavor::posix, u"/a", kEpoch);
-  EXPECT_FALSE(catalog.parts().deviceIds.has_value());
-  EXPECT_EQ(catalog.deviceId(0), kNoDevice);
-  catalog.applyDeviceLabels({{"0", "x"}});
-  EXPECT_EQ(catalog.deviceName(0), std::nullopt);
 }
 
 }  // namespace
