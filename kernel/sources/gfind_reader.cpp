@@ -198,16 +198,18 @@ std::uint64_t parseTime(std::string_view text) {
   if (__builtin_mul_overflow(seconds, kTicksPerSecond, &magnitude) ||
       __builtin_add_overflow(magnitude, fraction, &magnitude))
     return kUnknown64;
+  (void)beyondTicks;  // a remainder below one tick is dropped: the fraction only ever adds
   if (!negative) {
     std::uint64_t ticks;
     if (__builtin_add_overflow(kUnixEpochTicks, magnitude, &ticks) || ticks == kUnknown64) return kUnknown64;
     return ticks;
   }
-  // Before 1970 the remainder below one tick rounds the instant down, one
-  // tick further from the epoch.
-  if (beyondTicks && __builtin_add_overflow(magnitude, 1u, &magnitude)) return kUnknown64;
-  if (magnitude > kUnixEpochTicks) return kUnknown64;  // before 1601
-  return kUnixEpochTicks - magnitude;
+  // GNU find prints an instant before 1970 as its whole seconds rounded down
+  // and a non-negative fraction ("-2.5000000000" is 1.5 s before 1970), so the
+  // fraction is added to the negative seconds, never subtracted.
+  std::uint64_t wholeTicks = magnitude - fraction;
+  if (wholeTicks > kUnixEpochTicks + fraction) return kUnknown64;  // before 1601
+  return kUnixEpochTicks - wholeTicks + fraction;
 }
 
 Catalog load(const std::filesystem::path& url, const std::string& sourceId, const std::string& root, bool extended) {

@@ -33,10 +33,11 @@ PathFlavor flavorOf(std::string_view root);
 // ROOT/x for "./x".
 Catalog load(const std::filesystem::path& url, const std::string& sourceId, const std::string& root, bool extended);
 
-// A %T@-style time ("1795326869.1611563600", "-1.5": seconds, optionally
-// negative, with a fraction of any length) as FILETIME ticks, rounded toward
-// negative infinity; kUnknown64 for text that is not such a number or lies
-// outside the range of ticks.
+// A %T@-style time ("1795326869.1611563600") as FILETIME ticks: whole seconds,
+// optionally negative, and a fraction of any length that is always added (GNU
+// find prints 1.5 s before 1970 as "-2.5000000000"); digits below one tick are
+// dropped. kUnknown64 for text that is not such a number or lies outside the
+// range of ticks.
 std::uint64_t parseTime(std::string_view text);
 
 }  // namespace tarv::GfindReader

@@ -36,10 +36,13 @@ TEST(GfindReader, Times) {
       {"1795326869.1611563600", ticks(1795326869, 161156360)},
       {"1.5", ticks(1, 500'000'000)},
       {"7.00000019", ticks(7, 100)},  // below one tick: dropped
-      {"-1.5", ticks(-1, -500'000'000)},
-      {"-0.00000001", kUnixEpochTicks - 1},  // rounds toward the past
+      // Before 1970 the fraction still adds: find prints -1.5 s as "-2.5000000000".
+      {"-2.5000000000", ticks(-2, 500'000'000)},
+      {"-1.5", ticks(-1, 500'000'000)},
+      {"-0.00000001", kUnixEpochTicks},  // below one tick: dropped
       {"-11644473600", 0},
-      {"-11644473600.0000001", kUnknown64},   // before 1601
+      {"-11644473600.0000001", 1},
+      {"-11644473601.9999999", kUnknown64},  // before 1601
       {"1833029933770.9551615", kUnknown64},  // the all-ones value itself means unknown
       {"99999999999999999999", kUnknown64},
       {"-1.-000000010", kUnknown64},
@@ -141,7 +144,7 @@ void makeTree(const std::filesystem::path& root) {
   ASSERT_EQ(::mkfifo((root / "pipe").c_str(), 0644), 0);
   timespec times[2] = {{1700000000, 123456789}, {1700000000, 123456789}};
   ASSERT_EQ(::utimensat(AT_FDCWD, (root / "a.txt").c_str(), times, 0), 0);
-  timespec old[2] = {{-86400, 0}, {-86400, 0}};
+  timespec old[2] = {{-86400, 250000000}, {-86400, 250000000}};  // 86399.75 s before 1970
   ASSERT_EQ(::utimensat(AT_FDCWD, (root / "sub" / "deeper" / "old").c_str(), old, 0), 0);
 }
 
