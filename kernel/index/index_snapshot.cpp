@@ -1,6 +1,13 @@
 #include "kernel/index/index_snapshot.h"
 
+#include <chrono>
+#include <optional>
+#include <set>
 #include <utility>
+
+#include "kernel/index/index_cache.h"
+#include "kernel/index/joined_orders_cache.h"
+#include "kernel/index/pending_writes.h"
 
 namespace tarv {
 
@@ -9,23 +16,32 @@ IndexSnapshot::IndexSnapshot(const std::filesystem::path& config, std::shared_pt
 
 IndexSnapshot::IndexSnapshot(const Configuration& configuration, std::shared_ptr<const Compatibility> compatibility)
     : sources_(configuration.sources) {
+  const IndexCache cache;
+  std::vector<IndexCache::Loaded> loads;
   std::vector<JoinedSearch::Source> entries;
   std::vector<SearchIndexPtr> indexes;
   for (const Configuration::Source& source : sources_) {
-    fingerprints_.push_back(Configuration::sha256(source.file));
-    auto catalog = std::make_shared<Catalog>(source.load());
-    // Labels come from the configuration, not the file list, so they are set
-    // before the catalog is shared.
-    catalog->applyDeviceLabels(source.deviceLabels);
-    CatalogPtr shared = std::move(catalog);
-    indexes.push_back(std::make_shared<const SearchIndex>(shared, compatibility));
-    entries.push_back({source.id, source.label, shared});
-    counts_.push_back(shared->count());
-    keys_.emplace_back();
+    // The cache applies the source's device labels before the catalog is shared.
+    IndexCache::Loaded loaded = cache.load(source, compatibility);
+    entries.push_back({source.id, source.label, loaded.catalog});
+    indexes.push_back(loaded.index);
+    counts_.push_back(loaded.catalog->count());
+    fingerprints_.push_back(loaded.fingerprint);
+    keys_.push_back(loaded.key);
+    loads.push_back(std::move(loaded));
   }
-  search_ = std::make_shared<const JoinedSearch>(std::move(entries), std::move(indexes), keys_, std::move(compatibility));
+  std::optional<JoinedOrdersCache> orders;
+  if (cache.directory()) orders.emplace(*cache.directory());
+  search_ = std::make_shared<const JoinedSearch>(std::move(entries), std::move(indexes), keys_,
+                                                 std::move(compatibility), JoinedSearch::Tuning(),
+                                                 orders ? &*orders : nullptr);
+  // Everything this configuration uses stays; other configurations' files
+  // go only once they are stale.
+  std::set<std::string> keeping(keys_.begin(), keys_.end());
+  keeping.insert(search_->joinKey());
+  cache.storeInBackground(std::move(loads), std::move(keeping));
 }
 
-void IndexSnapshot::finishWrites() {}
+void IndexSnapshot::finishWrites() { PendingWrites::waitUntilDone(std::chrono::seconds(60)); }
 
 }  // namespace tarv

@@ -1,8 +1,11 @@
 #pragma once
 // IndexSnapshot: every source of one configuration loaded and joined into one
-// search. Sources load one after another on the calling thread (the per-row
-// work of each runs on the worker pool): the file's fingerprint, the catalog
-// through the source's reader, its device labels, its search index.
+// search. Sources load one after another on the calling thread through the
+// index cache (IndexCache: a usable cache file is mapped, otherwise the
+// file's fingerprint, the catalog through the source's reader and its search
+// index are made afresh; the per-row work runs on the worker pool). Fresh
+// loads are then stored and stale cache files pruned on one background
+// thread; the joined search's global orders are cached the same way.
 //
 // Immutable once built; share it between threads. A newer configuration gives
 // a new snapshot.
@@ -41,11 +44,11 @@ class IndexSnapshot {
   const std::vector<std::int64_t>& counts() const noexcept { return counts_; }
   // Each source file's SHA-256 (64 lowercase hex digits), same order.
   const std::vector<std::string>& fingerprints() const noexcept { return fingerprints_; }
-  // Each source's index-cache key, same order (empty: loaded without a cache).
+  // Each source's index-cache key, same order (computed with or without a cache).
   const std::vector<std::string>& keys() const noexcept { return keys_; }
 
-  // Waits for index files still being written in the background, at most 60
-  // seconds. Loads write nothing in the background yet, so it returns at once.
+  // Waits until the index files still being written in the background (by
+  // any snapshot of this process) are done, at most 60 seconds.
   static void finishWrites();
 
  private:

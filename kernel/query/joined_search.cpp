@@ -58,7 +58,7 @@ JoinedSearch::JoinedSearch(std::vector<Source> sources, std::vector<SearchIndexP
 
 JoinedSearch::JoinedSearch(std::vector<Source> sources, std::vector<SearchIndexPtr> indexes,
                            std::vector<std::string> cacheKeys, std::shared_ptr<const Compatibility> compatibility,
-                           Tuning tuning)
+                           Tuning tuning, const JoinedOrdersStore* ordersStore)
     : sources_(std::move(sources)),
       indexes_(checkedIndexes(sources_, std::move(indexes))),
       cacheKeys_(std::move(cacheKeys)),
@@ -78,8 +78,13 @@ JoinedSearch::JoinedSearch(std::vector<Source> sources, std::vector<SearchIndexP
     const bool any = std::any_of(indexes_.begin(), indexes_.end(), [&](const auto& i) { return i->stores(key); });
     if (always || any) storedKeys_.push_back(key);
   }
-  const Column<std::int32_t> names = order_.nameOrder();
-  for (const SortKey key : storedKeys_) orders_.push_back(order_.orderFrom(names, key));
+  auto merge = [&] {
+    JoinedOrdersStore::Orders merged;
+    const Column<std::int32_t> names = order_.nameOrder();
+    for (const SortKey key : storedKeys_) merged.push_back(order_.orderFrom(names, key));
+    return merged;
+  };
+  orders_ = ordersStore ? ordersStore->obtain(joinKey_, storedKeys_, sources_.size(), total(), merge) : merge();
 }
 
 const std::vector<std::string>& JoinedSearch::sorts() {

@@ -29,6 +29,7 @@
 #include "kernel/catalog/compatibility.h"
 #include "kernel/query/execution_planner.h"
 #include "kernel/query/global_order.h"
+#include "kernel/query/joined_orders_store.h"
 #include "kernel/query/search_index.h"
 #include "kernel/query/sort_spec.h"
 
@@ -79,8 +80,11 @@ class JoinedSearch {
   // joined orders.
   JoinedSearch(std::vector<Source> sources, std::vector<SearchIndexPtr> indexes, std::vector<std::string> cacheKeys,
                std::shared_ptr<const Compatibility> compatibility);
+  // With `ordersStore`, the global orders come from (and merged ones go to)
+  // that store under joinKey(); it is used during construction only.
   JoinedSearch(std::vector<Source> sources, std::vector<SearchIndexPtr> indexes, std::vector<std::string> cacheKeys,
-               std::shared_ptr<const Compatibility> compatibility, Tuning tuning);
+               std::shared_ptr<const Compatibility> compatibility, Tuning tuning,
+               const JoinedOrdersStore* ordersStore = nullptr);
 
   JoinedSearch(const JoinedSearch&) = delete;
   JoinedSearch& operator=(const JoinedSearch&) = delete;
