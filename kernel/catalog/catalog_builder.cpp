@@ -105,6 +105,7 @@ class SlotTable {
   std::size_t size() const noexcept { return size_; }
   std::uint64_t& operator[](std::size_t i) noexcept { return data_[i]; }
   std::uint64_t operator[](std::size_t i) const noexcept { return data_[i]; }
+  const std::uint64_t* address(std::size_t i) const noexcept { return data_.get() + i; }
 
  private:
   struct Free {
@@ -146,6 +147,7 @@ struct CatalogBuilder::State {
   std::vector<std::uint32_t> parentHashes;
   std::vector<std::uint32_t> parentSlots = std::vector<std::uint32_t>(1024, 0);  // index + 1
   std::uint32_t lastParent = kNone;  // consecutive records usually share a parent
+  mutable std::uint32_t lastPrefetchParent = kNone;  // the same for records looked at ahead
 
   std::unordered_map<std::int32_t, Text> irregular;
 
@@ -292,6 +294,20 @@ CatalogBuilder::CatalogBuilder(CatalogBuilder&&) noexcept = default;
 CatalogBuilder& CatalogBuilder::operator=(CatalogBuilder&&) noexcept = default;
 
 bool CatalogBuilder::contains(TextView path, bool folder) const { return state_->findRow(path, folder) >= 0; }
+
+void CatalogBuilder::prefetch(TextView path, bool folder) const noexcept {
+  const State& s = *state_;
+  TextView parent = s.parentOf(path);
+  std::uint32_t index = s.lastPrefetchParent;
+  if (index == kNone || !sameText(s.parentText(index), parent)) {
+    index = s.lookupParent(parent);
+    if (index == kNone) return;  // a new parent: nothing there to load yet
+    s.lastPrefetchParent = index;
+  }
+  TextView name = path.substr(parent.size());
+  std::uint32_t hash = slotHash(name, s.keyOf(index | (folder ? kFolderBit : 0)));
+  __builtin_prefetch(s.slots.address(hash & (s.slots.size() - 1)));
+}
 
 bool CatalogBuilder::add(TextView path, bool folder, std::uint64_t size, std::uint64_t modified, std::uint64_t created,
                          const std::optional<Text>& irregularExtension, std::uint8_t kind, std::uint64_t allocated,
@@ -523,11 +539,17 @@ Catalog CatalogBuilder::finish() {
 NativeCatalogBuilder::NativeCatalogBuilder(std::string sourceId, PathFlavor pathFlavor, bool directorySizes)
     : builder_(std::move(sourceId), pathFlavor, /*inferAncestors=*/false, directorySizes) {}
 
-void NativeCatalogBuilder::add(TextView path, std::uint8_t kind, std::uint64_t size, std::uint64_t modified,
-                               std::uint64_t created, std::uint64_t allocated, std::optional<std::uint64_t> device) {
+bool NativeCatalogBuilder::addIfAbsent(TextView path, std::uint8_t kind, std::uint64_t size, std::uint64_t modified,
+                                       std::uint64_t created, std::uint64_t allocated,
+                                       std::optional<std::uint64_t> device) {
   if (path.empty() || path.find(u'\0') != TextView::npos || kind >= 7)
     throw KernelError::invalid("Invalid native record");
-  if (!builder_.add(path, kind == 1, size, modified, created, std::nullopt, kind, allocated, device))
+  return builder_.add(path, kind == 1, size, modified, created, std::nullopt, kind, allocated, device);
+}
+
+void NativeCatalogBuilder::add(TextView path, std::uint8_t kind, std::uint64_t size, std::uint64_t modified,
+                               std::uint64_t created, std::uint64_t allocated, std::optional<std::uint64_t> device) {
+  if (!addIfAbsent(path, kind, size, modified, created, allocated, device))
     throw KernelError::invalid("Duplicate native path: " + utf8(path));
 }
 

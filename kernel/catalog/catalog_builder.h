@@ -34,6 +34,10 @@ class CatalogBuilder {
 
   // Whether add would refuse `path` as already present (a read-only probe).
   bool contains(TextView path, bool folder) const;
+  // A hint that `path` will be added or probed soon: starts loading the part
+  // of the duplicate table it needs, so that a reader looking a few records
+  // ahead hides the memory latency. Changes nothing.
+  void prefetch(TextView path, bool folder) const noexcept;
 
   // Synthesises missing ancestors (with inference), derives folder sizes (with
   // directory sizes on: each folder's size is the sum of the files below it),
@@ -58,8 +62,13 @@ class NativeCatalogBuilder {
            std::uint64_t allocated, std::optional<std::uint64_t> device);
 
   std::int32_t count() const noexcept { return builder_.count(); }
+  // Like add, but returns false for a path already present instead of throwing
+  // (readers that report duplicates in their own words).
+  bool addIfAbsent(TextView path, std::uint8_t kind, std::uint64_t size, std::uint64_t modified, std::uint64_t created,
+                   std::uint64_t allocated, std::optional<std::uint64_t> device);
   // Whether `path` is already present (add would throw the duplicate error).
   bool contains(TextView path) const { return builder_.contains(path, /*folder=*/false); }
+  void prefetch(TextView path) const noexcept { builder_.prefetch(path, /*folder=*/false); }
   Catalog finish() { return builder_.finish(); }
 
  private:

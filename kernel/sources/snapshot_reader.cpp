@@ -175,24 +175,39 @@ class ChunkPipeline {
 };
 
 // Feeds one batch to the builder. Duplicate detection runs here, in file
-// order, between the checks a worker ran before it and those after it.
+// order, between the checks a worker ran before it and those after it. A
+// path already present fails as a duplicate whether add or the check finds
+// it: both look for the same thing, and the duplicate check comes first.
 void addRecords(const Batch& batch, std::uint64_t& recordNumber, NativeCatalogBuilder& builder) {
   if (batch.failure) std::rethrow_exception(batch.failure);
-  for (const RecordOutcome& record : batch.records) {
+  const auto& records = batch.records;
+  auto pathOf = [&](const RecordOutcome& record) {
+    return TextView(batch.units.data() + record.unitsStart, record.unitsLength);
+  };
+  // How far ahead the duplicate table is loaded; probes are random reads.
+  constexpr std::size_t kAhead = 6;
+  for (std::size_t i = 0; i < records.size() && i < kAhead; ++i)
+    if (!records[i].earlyProblem) builder.prefetch(pathOf(records[i]));
+  for (std::size_t i = 0; i < records.size(); ++i) {
+    if (i + kAhead < records.size() && !records[i + kAhead].earlyProblem)
+      builder.prefetch(pathOf(records[i + kAhead]));
+    const RecordOutcome& record = records[i];
     ++recordNumber;
     auto fail = [&](const std::string& problem) {
       throw KernelError::io("Snapshot record " + std::to_string(recordNumber) + ": " + problem);
     };
     if (record.earlyProblem) fail(record.earlyProblem);
-    TextView path(batch.units.data() + record.unitsStart, record.unitsLength);
-    if (builder.contains(path)) fail("Duplicate path");
-    if (record.lateProblem) fail(record.lateProblem);
+    TextView path = pathOf(record);
+    if (record.lateProblem) fail(builder.contains(path) ? "Duplicate path" : record.lateProblem);
+    bool added = false;
     try {
-      builder.add(path, record.folder ? 1 : 0, record.size, record.modified, record.created, kUnknown64, std::nullopt);
+      added = builder.addIfAbsent(path, record.folder ? 1 : 0, record.size, record.modified, record.created,
+                                  kUnknown64, std::nullopt);
     } catch (const KernelError& error) {
       if (error.kind() != KernelError::Kind::invalid) throw;
       fail(error.message());
     }
+    if (!added) fail("Duplicate path");
   }
 }
 

@@ -289,6 +289,11 @@ TEST(NativeCatalogBuilder, RejectsInvalidRecords) {
   }
   NativeCatalogBuilder builder("s", PathFlavor::posix, false);
   EXPECT_NO_THROW(builder.add(u"/a", 6, 0, U, U, U, std::nullopt)) << "kind 6 is the last valid code";
+  EXPECT_THROW(builder.addIfAbsent(Text(u"/b\0", 3), 0, 0, U, U, U, std::nullopt), KernelError)
+      << "the quiet variant still refuses invalid records";
+  EXPECT_FALSE(builder.addIfAbsent(u"/a", 0, 0, U, U, U, std::nullopt));
+  EXPECT_TRUE(builder.addIfAbsent(u"/b", 0, 0, U, U, U, std::nullopt));
+  EXPECT_EQ(builder.count(), 2);
 }
 
 TEST(NativeCatalogBuilder, DuplicateNamesThePathAndChangesNothing) {
