@@ -1,0 +1,144 @@
+// HTTPServer's request handling: the checks every request passes, the four
+// routes and their error answers.
+
+#include <openssl/crypto.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cmath>
+
+#include "kernel/base/kernel_error.h"
+#include "kernel/base/text.h"
+#include "kernel/index/load_trace.h"
+#include "kernel/service/form_fields.h"
+#include "kernel/service/http_server.h"
+
+namespace tarv {
+namespace {
+
+constexpr std::string_view kQueriesPrefix = "/v1/queries/";
+constexpr std::size_t kMaxQueryBody = 16384;
+
+double roundToHundredths(double ms) { return std::round(ms * 100.0) / 100.0; }
+
+json::Value rowObject(const JoinedSearch::Row& row) {
+  json::Value object{{"id", row.id}, {"sourceId", row.sourceId}, {"name", row.name}, {"path", row.path},
+                     {"kind", row.kind}};
+  // Unknown values are left out rather than sent as placeholders.
+  if (row.size) object["size"] = *row.size;
+  if (row.modifiedMs) object["modifiedMs"] = *row.modifiedMs;
+  if (row.createdMs) object["createdMs"] = *row.createdMs;
+  if (row.sizeOnDisk) object["sizeOnDisk"] = *row.sizeOnDisk;
+  if (row.device) object["device"] = *row.device;
+  return object;
+}
+
+}  // namespace
+
+bool HTTPServer::authorized(const HttpRequest& request) const {
+  const std::string* given = request.header("authorization");
+  if (given == nullptr) return false;
+  const std::string expected = "Bearer " + token_;
+  // The length is no secret; the bytes are compared in constant time so the
+  // answer time does not tell how much of a guess was right.
+  if (given->size() != expected.size()) return false;
+  return CRYPTO_memcmp(given->data(), expected.data(), expected.size()) == 0;
+}
+
+HttpResponse HTTPServer::respond(const HttpRequest& request) {
+  HttpResponse answer;
+  if (!authorized(request)) {
+    answer = HttpResponse::error(401, "unauthorized", "Invalid session token");
+  } else if (request.header("origin") != nullptr) {
+    answer = HttpResponse::error(403, "origin", "Browser requests are not supported");
+  } else {
+    try {
+      answer = route(request);
+    } catch (const KernelError& error) {
+      answer = HttpResponse::error(400, "invalid_request", error.message());
+    } catch (const std::exception&) {
+      answer = HttpResponse::error(500, "internal", "Search service failed");
+    }
+  }
+  LoadTrace::event("http", "request",
+                   "method=" + request.method + " path=" + request.path + " status=" + std::to_string(answer.status));
+  return answer;
+}
+
+HttpResponse HTTPServer::route(const HttpRequest& request) {
+  const std::string& path = request.path;
+  if (path == "/v1/status") {
+    if (request.method == "GET") return status();
+  } else if (path == "/v1/queries") {
+    if (request.method == "POST") return createQuery(request);
+  } else if (path.size() > kQueriesPrefix.size() && path.compare(0, kQueriesPrefix.size(), kQueriesPrefix) == 0) {
+    const std::string id = path.substr(kQueriesPrefix.size());
+    if (request.method == "GET") return readPage(request, id);
+    if (request.method == "DELETE") return deleteQuery(id);
+  }
+  return HttpResponse::error(404, "not_found", "Unknown route or method");
+}
+
+HttpResponse HTTPServer::status() {
+  return HttpResponse::json(200, json::Value{{"version", version_},
+                                             {"total", search_->total()},
+                                             {"loadMs", loadMs_},
+                                             {"sources", sources_},
+                                             {"resultBytes", results_.bytes()},
+                                             {"capture", json::Value{{"enabled", false}}}});
+}
+
+HttpResponse HTTPServer::createQuery(const HttpRequest& request) {
+  // Refused rather than queued: the client decides whether to try again.
+  std::unique_lock<std::mutex> running(searching_, std::try_to_lock);
+  if (!running.owns_lock()) return HttpResponse::error(429, "busy", "A query is still running");
+
+  if (request.bodyTooLarge || request.body.size() > kMaxQueryBody) throw KernelError::invalid("Request too large");
+  auto fields = form::parse(request.body, {"query", "sort"});
+  const std::string& query = fields["query"];
+  const std::string& sort = fields["sort"];
+  const std::size_t queryUnits = utf16(query).size();
+  if (queryUnits > kMaxQueryUnits) throw KernelError::invalid("Query exceeds 2048 characters");
+
+  if (options_.beforeSearch) options_.beforeSearch();
+  const auto started = std::chrono::steady_clock::now();
+  JoinedSearch::Result result = search_->search(query, sort);
+  const auto elapsed = std::chrono::steady_clock::now() - started;
+  const double searchMs = roundToHundredths(
+      static_cast<double>(std::chrono::duration_cast<std::chrono::nanoseconds>(elapsed).count()) / 1e6);
+
+  const ResultStore::Entry entry = results_.add(std::move(result.ids), sort, searchMs);
+  LoadTrace::event("query", "search",
+                   "sort=" + sort + " queryChars=" + std::to_string(queryUnits) +
+                       " matches=" + std::to_string(entry.rows.size()));
+  // No case recorder in this service: recording is off, nothing to record.
+  return HttpResponse::json(201, json::Value{{"id", entry.id},
+                                             {"version", version_},
+                                             {"total", result.total},
+                                             {"expiresAt", entry.expiresAt},
+                                             {"searchMs", entry.searchMs}});
+}
+
+HttpResponse HTTPServer::readPage(const HttpRequest& request, const std::string& id) {
+  auto fields = form::parse(request.query.value_or(std::string()), {"version", "offset", "limit"});
+  const std::int64_t offset = form::integer(fields["offset"]);
+  const std::int64_t limit = form::integer(fields["limit"]);
+  if (offset < 0 || limit < 1 || limit > kMaxPageRows) throw KernelError::invalid("offset >= 0 and limit 1..512 required");
+  if (fields["version"] != version_) return HttpResponse::error(409, "version_changed", "Index version changed");
+
+  const std::optional<ResultStore::Entry> entry = results_.get(id);
+  if (!entry) return HttpResponse::error(410, "expired", "Query expired or was evicted; search again");
+
+  const std::int64_t total = static_cast<std::int64_t>(entry->rows.size());
+  const std::int64_t end = offset >= total ? offset : std::min(total, offset + limit);
+  json::Value rows = json::Value::array();
+  for (std::int64_t i = offset; i < end; ++i) rows.push_back(rowObject(search_->row(entry->rows[static_cast<std::size_t>(i)])));
+  return HttpResponse::json(200, json::Value{{"offset", offset}, {"rows", std::move(rows)}});
+}
+
+HttpResponse HTTPServer::deleteQuery(const std::string& id) {
+  results_.remove(id);
+  return HttpResponse::json(200, json::Value{{"deleted", true}, {"id", id}});
+}
+
+}  // namespace tarv
