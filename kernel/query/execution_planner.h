@@ -6,17 +6,25 @@
 // returns exactly the rows it accepts.
 //
 // Strategies:
-//   "all"       the query is always true (the empty query): every row, no test.
-//   "scan"      every row tested with Query::matches.
-//   "gram-scan" the root is a literal name term, or an AND that holds such
-//               terms: a row whose name-bigram mask lacks a bit of a
-//               literal's mask cannot contain it and is skipped untested.
+//   "all"         the query is always true (the empty query): every row, no test.
+//   "scan"        every row tested with Query::matches.
+//   "gram-scan"   a row filter decides first; it holds name-bigram tests: a
+//                 name whose mask lacks a bit of a required literal's mask
+//                 (a plain name term, or a literal run of a name pattern)
+//                 cannot match and is skipped untested.
+//   "filter-scan" a row filter without bigram tests decides first.
+// The row filter is a small program compiled from the query tree that
+// answers yes, no or maybe per row from cheap facts: name-bigram masks,
+// extension ids, the folder bit, and for path terms the matching state at
+// the end of each parent text (computed once per parent), continued over the
+// name. Only "maybe" rows are tested with Query::matches.
 //
 // Holds the search index (and through it the catalog and tables) alive.
 // Immutable; select() may run on several threads at once. Never throws on
 // query text (the parser never fails); only std::bad_alloc.
 
 #include <cstdint>
+#include <memory>
 #include <string_view>
 
 #include "kernel/base/text.h"
@@ -28,12 +36,15 @@ namespace tarv {
 
 class ExecutionPlanner {
  public:
-  enum class Strategy { all, scan, gramScan };
+  enum class Strategy { all, scan, gramScan, filterScan };
+
+  // The compiled row filter (execution_planner.cpp).
+  struct Filter;
 
   struct Plan {
     Query::TermPtr root;
     Strategy strategy = Strategy::scan;
-    std::uint64_t gramMask = 0;  // bits every candidate name must hold
+    std::shared_ptr<const Filter> filter;  // absent for "all" and "scan"
   };
 
   // The rows of one source that match.
@@ -48,7 +59,7 @@ class ExecutionPlanner {
 
   explicit ExecutionPlanner(SearchIndexPtr index, std::int64_t scanMinimum = kScanMinimum);
 
-  // Parses and marks the query and chooses the strategy.
+  // Parses and marks the query, chooses the strategy and compiles its filter.
   Plan plan(TextView query) const;
   // Runs a plan made by this planner.
   Selection run(const Plan& plan) const;
@@ -56,7 +67,7 @@ class ExecutionPlanner {
 
   const SearchIndex& index() const noexcept { return *index_; }
 
-  // "all", "scan", "gram-scan".
+  // "all", "scan", "gram-scan", "filter-scan".
   static std::string_view name(Strategy strategy) noexcept;
 
  private:

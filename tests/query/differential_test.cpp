@@ -71,7 +71,9 @@ const std::vector<std::string> kNames = {
 const std::vector<std::string> kUnits = {"a", "b", "A", "B", "é", "É", "ß", "ẞ", "日", "😀", "-", "_", " ",
                                          ".", "x", "Y", "0", "9", "\\", "ı", "İ", "ǅ", "ǆ"};
 
-std::string randomName(Random& random, PathFlavor flavor) {
+// Lists read leniently (the EFU reader) may hold NUL units where bytes were
+// not UTF-8; such names end the displayed path early.
+std::string randomName(Random& random, PathFlavor flavor, bool nulUnits) {
   for (;;) {
     std::string name;
     if (random.chance(0.7)) {
@@ -81,6 +83,7 @@ std::string randomName(Random& random, PathFlavor flavor) {
       for (std::int64_t i = 0; i < length; ++i) name += random.pick(kUnits);
     }
     if (flavor == PathFlavor::windows && name.find('\\') != std::string::npos) continue;
+    if (nulUnits && random.chance(0.1)) name.insert(random.below(name.size() + 1), 1, '\0');
     return name;
   }
 }
@@ -168,12 +171,12 @@ CatalogPtr randomCatalog(Random& random, const std::string& id, World& world, st
     if (random.chance(0.5)) add(root, /*folder=*/true);
     const auto folderCount = random.between(0, 30);
     for (std::int64_t i = 0; i < folderCount; ++i) {
-      const std::string path = join(random.pick(folders), randomName(random, flavor));
+      const std::string path = join(random.pick(folders), randomName(random, flavor, inferred));
       if (add(path, /*folder=*/true)) folders.push_back(path);
     }
     const auto fileCount = random.between(1, 160);
     for (std::int64_t i = 0; i < fileCount; ++i) {
-      const std::string name = randomName(random, flavor);
+      const std::string name = randomName(random, flavor, inferred);
       if (add(join(random.pick(folders), name), /*folder=*/false)) world.names.push_back(name);
     }
   }
@@ -398,57 +401,64 @@ struct PlainRow {
   std::int32_t id;
 };
 
-// Lexicographic on weight sequences, a shorter prefix first.
-int compareSequences(const std::vector<std::uint32_t>& a, const std::vector<std::uint32_t>& b) {
-  if (std::lexicographical_compare(a.begin(), a.end(), b.begin(), b.end())) return -1;
-  if (std::lexicographical_compare(b.begin(), b.end(), a.begin(), a.end())) return 1;
+bool isSurrogate(Unit u) { return u >= 0xD800 && u <= 0xDFFF; }
+
+std::uint32_t weightAt(const Compatibility& table, Unit u, int level) {
+  if (level == 1) return isSurrogate(u) ? std::uint32_t(u) + 65536 : table.order(u);
+  if (level == 2) return table.letterCase(u);
+  return u;
+}
+
+// One level of the name collation: position by position, an ended name
+// reading as unit 0; at a NUL (or an end) with equal weights the raw units
+// decide and nothing after counts.
+int compareNamesPlainly(const Compatibility& table, TextView a, TextView b, int level) {
+  for (std::size_t i = 0; i < std::max(a.size(), b.size()); ++i) {
+    const Unit ua = i < a.size() ? a[i] : 0;
+    const Unit ub = i < b.size() ? b[i] : 0;
+    if (ua == ub) {
+      if (ua == 0) return 0;
+      continue;
+    }
+    const std::uint32_t wa = weightAt(table, ua, level), wb = weightAt(table, ub, level);
+    if (wa != wb) return wa < wb ? -1 : 1;
+    if (ua == 0 || ub == 0) return ua < ub ? -1 : 1;
+  }
   return 0;
 }
 
-bool isSurrogate(Unit u) { return u >= 0xD800 && u <= 0xDFFF; }
-
-std::vector<std::uint32_t> nameWeights(const Compatibility& table, TextView text, int level) {
-  std::vector<std::uint32_t> weights;
-  for (const Unit u : text) {
-    if (level == 1) weights.push_back(isSurrogate(u) ? std::uint32_t(u) + 65536 : table.order(u));
-    else if (level == 2) weights.push_back(table.letterCase(u));
-    else weights.push_back(u);
-  }
-  return weights;
-}
-
-int compareNamesPlainly(const Compatibility& table, TextView a, TextView b, int level) {
-  return compareSequences(nameWeights(table, a, level), nameWeights(table, b, level));
-}
-
-// Parent texts: one trailing separator dropped per flavor; separators of each
-// text's own flavor weigh 1, every other unit its weight + 2; then raw units.
-std::vector<std::uint32_t> pathWeights(const Compatibility& table, PathFlavor flavor, TextView text, int level) {
-  if (flavor == PathFlavor::windows && !text.empty() && text.back() == u'\\') text.remove_suffix(1);
-  if (flavor == PathFlavor::posix && text.size() >= 2 && text.back() == u'/') text.remove_suffix(1);
-  std::vector<std::uint32_t> weights;
-  for (const Unit u : text) {
-    const bool separator = u == u'/' || (flavor == PathFlavor::windows && u == u'\\');
-    if (separator) {
-      weights.push_back(1);
+// Parent texts: one trailing separator dropped per flavor; the separators of
+// each text's own flavor weigh 1 and every other unit its weight + 2; a NUL
+// ends the comparison as in names; a shorter text first; then raw units.
+int comparePathLevel(const Compatibility& table, PathFlavor fa, TextView a, PathFlavor fb, TextView b, int level) {
+  auto trim = [](PathFlavor flavor, TextView text) {
+    if (flavor == PathFlavor::windows && !text.empty() && text.back() == u'\\') text.remove_suffix(1);
+    if (flavor == PathFlavor::posix && text.size() >= 2 && text.back() == u'/') text.remove_suffix(1);
+    return text;
+  };
+  a = trim(fa, a);
+  b = trim(fb, b);
+  for (std::size_t i = 0; i < std::min(a.size(), b.size()); ++i) {
+    const bool sa = a[i] == u'/' || (fa == PathFlavor::windows && a[i] == u'\\');
+    const bool sb = b[i] == u'/' || (fb == PathFlavor::windows && b[i] == u'\\');
+    if (a[i] == b[i] && sa == sb) {
+      if (a[i] == 0) return 0;
       continue;
     }
-    std::uint32_t w = u;
-    if (level == 1) w = isSurrogate(u) ? std::uint32_t(u) + 65536 : table.order(u);
-    if (level == 2) w = table.letterCase(u);
-    weights.push_back(w + 2);
+    const std::uint32_t wa = sa ? 1 : weightAt(table, a[i], level) + 2;
+    const std::uint32_t wb = sb ? 1 : weightAt(table, b[i], level) + 2;
+    if (wa != wb) return wa < wb ? -1 : 1;
+    if (sa || sb) continue;
+    if (a[i] == 0 || b[i] == 0) return a[i] < b[i] ? -1 : 1;
   }
-  return weights;
+  return a.size() == b.size() ? 0 : a.size() < b.size() ? -1 : 1;
 }
 
 int comparePathsPlainly(const Compatibility& table, const PlainRow& a, const PlainRow& b) {
   const TextView pa = a.catalog->parentUnits(a.catalog->parentIndex(a.row));
   const TextView pb = b.catalog->parentUnits(b.catalog->parentIndex(b.row));
-  for (int level = 1; level <= 3; ++level) {
-    const int r = compareSequences(pathWeights(table, a.catalog->pathFlavor(), pa, level),
-                                   pathWeights(table, b.catalog->pathFlavor(), pb, level));
-    if (r != 0) return r;
-  }
+  for (int level = 1; level <= 3; ++level)
+    if (int r = comparePathLevel(table, a.catalog->pathFlavor(), pa, b.catalog->pathFlavor(), pb, level)) return r;
   return pa < pb ? -1 : pb < pa ? 1 : 0;
 }
 

@@ -267,9 +267,15 @@ TEST(JoinedSearch, PlannerStrategies) {
       {"sensitive literal", "case:Alpha", ExecutionPlanner::Strategy::gramScan, 1},
       {"literal in an and", "txt file:", ExecutionPlanner::Strategy::gramScan, 4},
       {"literal inside file:", "file:alpha", ExecutionPlanner::Strategy::gramScan, 2},
-      {"wildcard", "*.txt", ExecutionPlanner::Strategy::scan, 4},
+      {"literal run of a pattern", "*.txt", ExecutionPlanner::Strategy::gramScan, 4},
+      {"pattern without a run", "?*", ExecutionPlanner::Strategy::scan, 7},
       {"one unit", "a", ExecutionPlanner::Strategy::scan, 6},
-      {"alternatives", "alpha|gamma", ExecutionPlanner::Strategy::scan, 3},
+      {"alternatives", "alpha|gamma", ExecutionPlanner::Strategy::gramScan, 3},
+      {"one alternative unfiltered", "alpha|a", ExecutionPlanner::Strategy::gramScan, 6},
+      {"negated literal", "!alpha", ExecutionPlanner::Strategy::gramScan, 5},
+      {"extension", "ext:TXT", ExecutionPlanner::Strategy::filterScan, 4},
+      {"folders", "folder:", ExecutionPlanner::Strategy::filterScan, 2},
+      {"full path", "path:home", ExecutionPlanner::Strategy::filterScan, 4},
       {"path literal", "Data\\Al", ExecutionPlanner::Strategy::scan, 1},
       {"size", "size:>5", ExecutionPlanner::Strategy::scan, 2},
   };
@@ -282,6 +288,19 @@ TEST(JoinedSearch, PlannerStrategies) {
     for (const auto strategy : result.strategies)
       EXPECT_EQ(ExecutionPlanner::name(strategy), ExecutionPlanner::name(c.strategy)) << c.label;
   }
+}
+
+TEST(JoinedSearch, LargeAndDeepQueriesStayExact) {
+  const auto search = twoSources();
+  std::string wide;
+  for (int i = 0; i < 600; ++i) wide += (i > 0 ? "|" : "") + std::string(i % 3 == 0 ? "gamma" : "zz") + std::to_string(i);
+  wide += "|alpha";
+  EXPECT_EQ(search->search(wide, "name-asc").total, 2);
+  std::string deep;
+  for (int i = 0; i < 100; ++i) deep += "<!";
+  deep += "txt";
+  EXPECT_EQ(search->search(deep, "name-asc").total, 4);  // an even number of negations
+  EXPECT_EQ(search->search("!" + deep, "name-asc").total, 3);
 }
 
 TEST(JoinedSearch, ConstructionChecksItsInputs) {
