@@ -5,6 +5,7 @@
 
 #include "cli/argument_list.h"
 #include "cli/configuration_location.h"
+#include "cli/mcp_server.h"
 #include "cli/search_options.h"
 #include "cli/searcher.h"
 #include "cli/terminal.h"
@@ -68,6 +69,7 @@ int dispatch(Invocation& invocation) {
   }
   if (*command == "search") return runSearch(invocation);
   if (*command == "status") return runStatus(invocation);
+  if (*command == "mcp") return runMcpCommand(invocation.config, invocation.all);
   fail("unknown command " + *command + "\n" + std::string(kUsageText), 2);
 }
 
