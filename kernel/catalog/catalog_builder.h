@@ -3,14 +3,16 @@
 // an open-addressing slot table (8192 slots, doubled when half full) and
 // `finish`es into a Catalog. NativeCatalogBuilder wraps it for readers that
 // must reject bad or duplicate records. Single-threaded; not shared.
+//
+// Memory: the builder owns its growing columns until `finish` hands them to
+// the catalog without copying. A parent index, name offset, parent offset or
+// row count beyond 31 bits is a programming error: the process aborts with a
+// message on standard error. Allocation failure throws std::bad_alloc.
 
 #include <cstdint>
 #include <memory>
 #include <optional>
 #include <string>
-#include <unordered_map>
-#include <unordered_set>
-#include <vector>
 
 #include "kernel/catalog/catalog.h"
 
