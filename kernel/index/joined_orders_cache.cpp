@@ -20,33 +20,34 @@ namespace tarv {
 namespace {
 
 std::string sectionOf(SortKey key) { return "order." + std::string(sortKeyName(key)); }
+std::string ranksOf(std::size_t source) { return "parentRanks." + std::to_string(source); }
 
-std::string detailOf(std::size_t sourceCount, std::int64_t total) {
-  return "sources=" + std::to_string(sourceCount) + " records=" + std::to_string(total);
+std::string detailOf(const JoinedOrdersStore::Request& request) {
+  return "sources=" + std::to_string(request.parentCounts.size()) + " records=" + std::to_string(request.total);
 }
 
-// Whether every id lies in 0 ..< total. One pass per column on the pool; a
-// chunk stops at its first bad id.
-bool idsInRange(const Column<std::int32_t>& ids, std::int64_t total) {
+// Whether every value lies in 0 ..< limit. One pass on the pool; the loop has
+// no early exit so it vectorises (a bad file is rare), and the unsigned
+// comparison catches negative values too.
+bool allBelow(const Column<std::int32_t>& values, std::int64_t limit) {
   std::atomic<bool> bad{false};
-  const std::int32_t* data = ids.data();
-  const auto limit = static_cast<std::uint32_t>(total);
-  Parallel::chunks(static_cast<std::int64_t>(ids.size()), 16, 1 << 18, [&](std::int64_t begin, std::int64_t end) {
-    // Unsigned comparison catches negative ids too; the loop has no early
-    // exit so it vectorises, and a bad chunk is rare.
+  const std::int32_t* data = values.data();
+  const auto bound = static_cast<std::uint32_t>(limit);
+  Parallel::chunks(static_cast<std::int64_t>(values.size()), 16, 1 << 18, [&](std::int64_t begin, std::int64_t end) {
     std::uint32_t worst = 0;
     for (auto i = begin; i < end; ++i) {
-      const auto id = static_cast<std::uint32_t>(data[i]);
-      worst = id > worst ? id : worst;
+      const auto value = static_cast<std::uint32_t>(data[i]);
+      worst = value > worst ? value : worst;
     }
-    if (worst >= limit) bad.store(true, std::memory_order_relaxed);
+    if (worst >= bound) bad.store(true, std::memory_order_relaxed);
   });
   return !bad.load();
 }
 
 std::int64_t metaInteger(const json::Value& meta, const char* name) {
   const auto found = meta.find(name);
-  if (found == meta.end() || !found->is_number_integer()) throw KernelError::io("Missing index value " + std::string(name));
+  if (found == meta.end() || !found->is_number_integer())
+    throw KernelError::io("Missing index value " + std::string(name));
   return found->get<std::int64_t>();
 }
 
@@ -58,57 +59,59 @@ std::filesystem::path JoinedOrdersCache::fileOf(const std::string& joinKey) cons
   return directory_ / (joinKey + IndexCache::kExtension);
 }
 
-JoinedOrdersStore::Orders JoinedOrdersCache::obtain(const std::string& joinKey, std::span<const SortKey> keys,
-                                                    std::size_t sourceCount, std::int64_t total,
-                                                    const std::function<Orders()>& merge) const {
+JoinedOrdersStore::Joined JoinedOrdersCache::obtain(const Request& request,
+                                                    const std::function<Joined()>& merge) const {
   // One source's own orders are already global; there is nothing to keep.
-  if (sourceCount < 2 || joinKey.empty()) return merge();
-  if (std::optional<Orders> stored = map(joinKey, keys, sourceCount, total)) return std::move(*stored);
+  if (request.parentCounts.size() < 2 || request.joinKey.empty()) return merge();
+  if (std::optional<Joined> stored = map(request)) return std::move(*stored);
 
-  const auto started = LoadTrace::begin("join.orders", detailOf(sourceCount, total));
-  Orders orders = merge();
-  LoadTrace::end("join.orders", started, detailOf(sourceCount, total));
+  const auto started = LoadTrace::begin("join.orders", detailOf(request));
+  Joined joined = merge();
+  LoadTrace::end("join.orders", started, detailOf(request));
 
   try {
-    PendingWrites::start([cache = *this, joinKey, chosen = std::vector<SortKey>(keys.begin(), keys.end()),
-                          sourceCount, total, orders] { cache.store(joinKey, chosen, sourceCount, total, orders); });
+    PendingWrites::start([cache = *this, request, joined] { cache.store(request, joined); });
   } catch (const std::exception& e) {
-    // No thread: the orders stay in use, the next process merges again.
+    // No thread: the state stays in use, the next process derives it again.
     reportIndexNotWritten(e.what());
   }
-  return orders;
+  return joined;
 }
 
-std::optional<JoinedOrdersStore::Orders> JoinedOrdersCache::map(const std::string& joinKey,
-                                                                std::span<const SortKey> keys,
-                                                                std::size_t sourceCount,
-                                                                std::int64_t total) const noexcept {
+std::optional<JoinedOrdersStore::Joined> JoinedOrdersCache::map(const Request& request) const noexcept {
   try {
-    const std::filesystem::path file = fileOf(joinKey);
+    const std::filesystem::path file = fileOf(request.joinKey);
     struct stat info {};
     if (::lstat(file.c_str(), &info) != 0) return std::nullopt;
-    const auto started = LoadTrace::begin("join.map", detailOf(sourceCount, total));
+    const auto started = LoadTrace::begin("join.map", detailOf(request));
     try {
       IndexFile::Reader reader(file);
       const json::Value& meta = reader.meta();
       const auto storedKey = meta.find("joinKey");
-      if (storedKey == meta.end() || !storedKey->is_string() || storedKey->get<std::string>() != joinKey)
+      if (storedKey == meta.end() || !storedKey->is_string() || storedKey->get<std::string>() != request.joinKey)
         throw KernelError::io("Joined orders of another join key");
-      if (metaInteger(meta, "joinSources") != static_cast<std::int64_t>(sourceCount) ||
-          metaInteger(meta, "joinTotal") != total)
+      if (metaInteger(meta, "joinSources") != static_cast<std::int64_t>(request.parentCounts.size()) ||
+          metaInteger(meta, "joinTotal") != request.total)
         throw KernelError::io("Joined orders of other sources");
-      Orders orders;
-      orders.reserve(keys.size());
-      for (const SortKey key : keys) {
+      Joined joined;
+      for (const SortKey key : request.keys) {
         Column<std::int32_t> ids = reader.column<std::int32_t>(sectionOf(key));
-        if (static_cast<std::int64_t>(ids.size()) != total || !idsInRange(ids, total))
+        if (static_cast<std::int64_t>(ids.size()) != request.total || !allBelow(ids, request.total))
           throw KernelError::io("Invalid index section " + sectionOf(key));
-        orders.push_back(std::move(ids));
+        joined.orders.push_back(std::move(ids));
+      }
+      std::int64_t parents = 0;
+      for (const std::int64_t count : request.parentCounts) parents += count;
+      for (std::size_t s = 0; s < request.parentCounts.size(); ++s) {
+        Column<std::int32_t> ranks = reader.column<std::int32_t>(ranksOf(s));
+        if (static_cast<std::int64_t>(ranks.size()) != request.parentCounts[s] || !allBelow(ranks, parents))
+          throw KernelError::io("Invalid index section " + ranksOf(s));
+        joined.parentRanks.push_back(std::move(ranks));
       }
       if (::utimensat(AT_FDCWD, file.c_str(), nullptr, 0) != 0)
         throw systemError("Cannot touch index file", file.string(), errno);
-      LoadTrace::end("join.map", started, detailOf(sourceCount, total));
-      return orders;
+      LoadTrace::end("join.map", started, detailOf(request));
+      return joined;
     } catch (const std::exception& e) {
       LoadTrace::event("join.map", "discard", std::string("reason=") + e.what());
       ::unlink(file.c_str());
@@ -119,27 +122,28 @@ std::optional<JoinedOrdersStore::Orders> JoinedOrdersCache::map(const std::strin
   }
 }
 
-void JoinedOrdersCache::store(const std::string& joinKey, std::span<const SortKey> keys, std::size_t sourceCount,
-                              std::int64_t total, const Orders& orders) const noexcept {
+void JoinedOrdersCache::store(const Request& request, const Joined& joined) const noexcept {
   std::optional<IndexFile::Writer> writer;
   try {
-    const auto started = LoadTrace::begin("join.store", detailOf(sourceCount, total));
+    const auto started = LoadTrace::begin("join.store", detailOf(request));
     createCacheDirectory(directory_);
     CacheWriteLock lock(directory_);
-    const std::filesystem::path file = fileOf(joinKey);
+    const std::filesystem::path file = fileOf(request.joinKey);
     struct stat info {};
     if (::lstat(file.c_str(), &info) == 0) {
-      LoadTrace::end("join.store", started, detailOf(sourceCount, total) + " skipped=present");
+      LoadTrace::end("join.store", started, detailOf(request) + " skipped=present");
       return;
     }
-    if (orders.size() != keys.size()) throw KernelError::io("Joined orders do not match their keys");
+    if (joined.orders.size() != request.keys.size() || joined.parentRanks.size() != request.parentCounts.size())
+      throw KernelError::io("Joined orders do not match their request");
     writer.emplace(file);
-    writer->meta()["joinKey"] = joinKey;
-    writer->meta()["joinSources"] = static_cast<std::int64_t>(sourceCount);
-    writer->meta()["joinTotal"] = total;
-    for (std::size_t k = 0; k < keys.size(); ++k) writer->add(sectionOf(keys[k]), orders[k]);
+    writer->meta()["joinKey"] = request.joinKey;
+    writer->meta()["joinSources"] = static_cast<std::int64_t>(request.parentCounts.size());
+    writer->meta()["joinTotal"] = request.total;
+    for (std::size_t k = 0; k < request.keys.size(); ++k) writer->add(sectionOf(request.keys[k]), joined.orders[k]);
+    for (std::size_t s = 0; s < joined.parentRanks.size(); ++s) writer->add(ranksOf(s), joined.parentRanks[s]);
     writer->finish();
-    LoadTrace::end("join.store", started, detailOf(sourceCount, total));
+    LoadTrace::end("join.store", started, detailOf(request));
   } catch (const std::exception& e) {
     if (writer) writer->abandon();
     reportIndexNotWritten(e.what());

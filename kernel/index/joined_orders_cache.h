@@ -1,21 +1,25 @@
 #pragma once
-// JoinedOrdersCache: the joined search's global orders kept in the index
-// cache directory, as one index file per join key: "<joinKey>.tarvidx" with
-// one Int32 section "order.<key name>" per stored sort key and the meta
-// values "joinKey" (string), "joinSources" and "joinTotal" (integers).
+// JoinedOrdersCache: what the joined search derives across its sources, kept
+// in the index cache directory as one index file per join key:
+// "<joinKey>.tarvidx" with one Int32 section "order.<key name>" per stored
+// sort key, one Int32 section "parentRanks.<n>" per source (n from 0, in
+// source order), and the meta values "joinKey" (string), "joinSources" and
+// "joinTotal" (integers).
 //
 // A stored file is used only when all of these hold: the meta values match
-// the join key, source count and total asked for; every asked key has its
-// section; every section holds exactly `total` ids, each in 0 ..< total
-// (checked in one pass on the worker pool, so a damaged file can never send
-// a search outside its rows). An unusable file is deleted and the orders are
-// merged again. A usable file's modification time is set to now, so pruning
-// sees it as in use.
+// the join key, source count and total asked for; every asked key and every
+// source has its section; every order holds exactly `total` ids, each in
+// 0 ..< total (one pass on the worker pool, so a damaged file can never send
+// a search outside its rows); every source's ranks are as many as its parent
+// texts, each in 0 ..< all parent texts. An unusable file is deleted and
+// everything is derived again. A usable file's modification time is set to
+// now, so pruning sees it as in use.
 //
-// Merged orders are written in the background (one detached thread in the
+// Derived state is written in the background (one detached thread in the
 // PendingWrites group) under the cache directory's write lock; a failure is
 // one line on standard error ("Tarv: index file not written (<reason>)").
 // With one source nothing is stored: its own orders are the global ones.
+// Trace phases: "join.map", "join.orders" (deriving), "join.store".
 //
 // Immutable; share freely between threads.
 
@@ -30,17 +34,14 @@ class JoinedOrdersCache final : public JoinedOrdersStore {
  public:
   explicit JoinedOrdersCache(std::filesystem::path directory);
 
-  Orders obtain(const std::string& joinKey, std::span<const SortKey> keys, std::size_t sourceCount,
-                std::int64_t total, const std::function<Orders()>& merge) const override;
+  Joined obtain(const Request& request, const std::function<Joined()>& merge) const override;
 
-  // The stored orders when the file is present and usable (trace "join.map");
-  // an unusable file is deleted. Never throws.
-  std::optional<Orders> map(const std::string& joinKey, std::span<const SortKey> keys, std::size_t sourceCount,
-                            std::int64_t total) const noexcept;
-  // Writes the orders now, on the calling thread (trace "join.store"); a file
-  // another writer finished meanwhile is kept. Never throws.
-  void store(const std::string& joinKey, std::span<const SortKey> keys, std::size_t sourceCount,
-             std::int64_t total, const Orders& orders) const noexcept;
+  // The stored state when the file is present and usable; an unusable file
+  // is deleted. Never throws.
+  std::optional<Joined> map(const Request& request) const noexcept;
+  // Writes the state now, on the calling thread; a file another writer
+  // finished meanwhile is kept. Never throws.
+  void store(const Request& request, const Joined& joined) const noexcept;
 
   std::filesystem::path fileOf(const std::string& joinKey) const;
 

@@ -127,13 +127,33 @@ void mergeRuns(std::vector<T>& items, std::vector<std::pair<std::int64_t, std::i
 
 }  // namespace
 
-GlobalOrder::GlobalOrder(std::vector<SearchIndexPtr> indexes, std::shared_ptr<const Compatibility> compatibility)
+GlobalOrder::GlobalOrder(std::vector<SearchIndexPtr> indexes, std::shared_ptr<const Compatibility> compatibility,
+                         Ranking ranking)
     : indexes_(std::move(indexes)), compatibility_(std::move(compatibility)) {
   starts_.reserve(indexes_.size() + 1);
   starts_.push_back(0);
   for (const auto& index : indexes_) starts_.push_back(starts_.back() + index->catalog().count());
-  rankParents();
+  if (ranking == Ranking::now) rankParents();
   rankLabels();
+}
+
+bool GlobalOrder::adoptParentRanks(std::span<const Column<std::int32_t>> ranks) {
+  if (ranks.size() != indexes_.size()) return false;
+  std::int64_t parents = 0;
+  for (std::size_t s = 0; s < ranks.size(); ++s) {
+    if (ranks[s].size() != indexes_[s]->parentRanks().size()) return false;
+    parents += static_cast<std::int64_t>(ranks[s].size());
+  }
+  std::int32_t highest = -1;
+  for (const auto& column : ranks)
+    for (const std::int32_t rank : column) {
+      if (rank < 0 || rank >= parents) return false;
+      highest = std::max(highest, rank);
+    }
+  parentRanks_.resize(ranks.size());
+  for (std::size_t s = 0; s < ranks.size(); ++s) parentRanks_[s].assign(ranks[s].begin(), ranks[s].end());
+  parentRankCount_ = highest + 1;
+  return true;
 }
 
 std::size_t GlobalOrder::sourceOf(std::int32_t id) const noexcept {

@@ -32,9 +32,24 @@ namespace tarv {
 
 class GlobalOrder {
  public:
+  // When the parent texts are ranked: at construction, or later by
+  // rankParents() or adoptParentRanks() (which the owner must call before
+  // any other use; the joined search does so when it may have the ranks
+  // stored from an earlier process).
+  enum class Ranking { now, deferred };
+
   // `indexes` in source order; their row counts must sum to at most 2^31 - 1
   // (the caller checks).
-  GlobalOrder(std::vector<SearchIndexPtr> indexes, std::shared_ptr<const Compatibility> compatibility);
+  GlobalOrder(std::vector<SearchIndexPtr> indexes, std::shared_ptr<const Compatibility> compatibility,
+              Ranking ranking = Ranking::now);
+
+  // Ranks every parent text of every source (the merge by path order).
+  void rankParents();
+  // Takes ranks that rankParents() gave for the same sources: one column
+  // per source, as long as its parent count, each rank in 0 ..< the sum of
+  // the parent counts. Returns false, and changes nothing, when they do not
+  // fit that shape.
+  bool adoptParentRanks(std::span<const Column<std::int32_t>> ranks);
 
   std::int64_t total() const noexcept { return starts_.back(); }
   // One entry per source plus the total.
@@ -74,7 +89,6 @@ class GlobalOrder {
 
  private:
   std::vector<std::int32_t> sortedByKey(std::span<const std::int32_t> nameOrder, SortKey key) const;
-  void rankParents();
   void rankLabels();
 
   std::vector<SearchIndexPtr> indexes_;

@@ -1,20 +1,19 @@
 #pragma once
-// JoinedOrdersStore: where a joined search keeps its global orders between
-// processes. Merging the sources' orders costs a pass over every row per key;
-// a store hands back the orders a previous process merged for the same
-// sources (named by the join key), or merges them through the caller's
-// function and keeps them for the next process.
+// JoinedOrdersStore: where a joined search keeps what it derives across its
+// sources between processes. Merging the sources' orders costs a pass over
+// every row per key, and ranking the parent texts of all sources a merge of
+// every parent text; a store hands back what a previous process derived for
+// the same sources (named by the join key), or derives it through the
+// caller's function and keeps it for the next process.
 //
 // The implementation over the index cache lives above the query engine; the
 // joined search only sees this interface. Implementations must be safe to
 // call from any thread and keep no reference to the arguments after
-// returning (background work holds the orders' columns, which own their
-// memory).
+// returning (background work holds the columns, which own their memory).
 
 #include <cstddef>
 #include <cstdint>
 #include <functional>
-#include <span>
 #include <string>
 #include <vector>
 
@@ -27,14 +26,27 @@ class JoinedOrdersStore {
  public:
   using Orders = std::vector<Column<std::int32_t>>;
 
+  // What is asked for: the join key of the sources, the sort keys with a
+  // global order, the rows of all sources, and each source's parent count.
+  struct Request {
+    std::string joinKey;
+    std::vector<SortKey> keys;
+    std::int64_t total = 0;
+    std::vector<std::int64_t> parentCounts;  // one per source, in order
+  };
+
+  // The derived state: per key (as in the request) every global id in
+  // ascending order; per source the global rank of each parent text.
+  struct Joined {
+    Orders orders;
+    Orders parentRanks;
+  };
+
   virtual ~JoinedOrdersStore() = default;
 
-  // The ascending global order of each of `keys` (same order; each `total`
-  // ids long) over `sourceCount` sources joined under `joinKey`. Returns the
-  // stored orders when usable; otherwise calls `merge` once and returns its
-  // result. Throws only what `merge` throws.
-  virtual Orders obtain(const std::string& joinKey, std::span<const SortKey> keys, std::size_t sourceCount,
-                        std::int64_t total, const std::function<Orders()>& merge) const = 0;
+  // The stored state when it is usable for `request`; otherwise calls
+  // `merge` once and returns its result. Throws only what `merge` throws.
+  virtual Joined obtain(const Request& request, const std::function<Joined()>& merge) const = 0;
 };
 
 }  // namespace tarv

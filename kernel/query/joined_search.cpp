@@ -64,7 +64,8 @@ JoinedSearch::JoinedSearch(std::vector<Source> sources, std::vector<SearchIndexP
       cacheKeys_(std::move(cacheKeys)),
       compatibility_(std::move(compatibility)),
       tuning_(tuning),
-      order_(indexes_, compatibility_),
+      // With a store, the parent ranks may come from it along with the orders.
+      order_(indexes_, compatibility_, ordersStore ? GlobalOrder::Ranking::deferred : GlobalOrder::Ranking::now),
       joinKey_(deriveJoinKey(cacheKeys_)) {
   engines_.reserve(indexes_.size());
   for (const auto& index : indexes_) engines_.emplace_back(index, tuning_.scanMinimum);
@@ -78,13 +79,37 @@ JoinedSearch::JoinedSearch(std::vector<Source> sources, std::vector<SearchIndexP
     const bool any = std::any_of(indexes_.begin(), indexes_.end(), [&](const auto& i) { return i->stores(key); });
     if (always || any) storedKeys_.push_back(key);
   }
-  auto merge = [&] {
+  auto mergeOrders = [&] {
     JoinedOrdersStore::Orders merged;
     const Column<std::int32_t> names = order_.nameOrder();
     for (const SortKey key : storedKeys_) merged.push_back(order_.orderFrom(names, key));
     return merged;
   };
-  orders_ = ordersStore ? ordersStore->obtain(joinKey_, storedKeys_, sources_.size(), total(), merge) : merge();
+  if (!ordersStore) {
+    orders_ = mergeOrders();
+    return;
+  }
+  JoinedOrdersStore::Request request{joinKey_, storedKeys_, total(), {}};
+  for (const auto& index : indexes_)
+    request.parentCounts.push_back(static_cast<std::int64_t>(index->parentRanks().size()));
+  bool derived = false;
+  JoinedOrdersStore::Joined joined = ordersStore->obtain(request, [&] {
+    derived = true;
+    order_.rankParents();
+    JoinedOrdersStore::Joined made{mergeOrders(), {}};
+    for (std::size_t s = 0; s < indexes_.size(); ++s) {
+      const auto ranks = order_.parentRanks(s);
+      made.parentRanks.push_back(Column<std::int32_t>::owned({ranks.begin(), ranks.end()}));
+    }
+    return made;
+  });
+  orders_ = std::move(joined.orders);
+  // The store checks what it hands back; should the ranks still not fit,
+  // nothing stored is trusted.
+  if (!derived && !order_.adoptParentRanks(joined.parentRanks)) {
+    order_.rankParents();
+    orders_ = mergeOrders();
+  }
 }
 
 const std::vector<std::string>& JoinedSearch::sorts() {

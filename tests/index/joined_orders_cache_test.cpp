@@ -14,11 +14,19 @@ namespace tarv {
 namespace {
 
 using Orders = JoinedOrdersStore::Orders;
+using Joined = JoinedOrdersStore::Joined;
+using Request = JoinedOrdersStore::Request;
 using testing::TempDir;
 
 constexpr std::int64_t kTotal = 5000;
 const std::vector<SortKey> kKeys = {SortKey::name, SortKey::path, SortKey::size, SortKey::modified};
 const std::string kJoinKey = "0123456789abcdef0123456789abcdef";
+const std::vector<std::int64_t> kParents = {40, 25, 35};  // three sources, 100 parent texts
+
+Request request(std::string joinKey = kJoinKey, std::vector<SortKey> keys = kKeys,
+                std::vector<std::int64_t> parents = kParents, std::int64_t total = kTotal) {
+  return {std::move(joinKey), std::move(keys), total, std::move(parents)};
+}
 
 // Distinct permutations of 0 ..< total, one per key.
 Orders permutations(std::int64_t total, std::size_t count, unsigned seed) {
@@ -40,12 +48,28 @@ bool sameOrders(const Orders& a, const Orders& b) {
   return true;
 }
 
+bool same(const Joined& a, const Joined& b) {
+  return sameOrders(a.orders, b.orders) && sameOrders(a.parentRanks, b.parentRanks);
+}
+
+// Orders for kTotal rows and ranks for kParents texts (ranks shared between
+// sources, as equal texts of two sources share one).
+Joined derived(unsigned seed) {
+  Joined joined{permutations(kTotal, kKeys.size(), seed), {}};
+  std::mt19937 random(seed);
+  for (const std::int64_t count : kParents) {
+    std::vector<std::int32_t> ranks(static_cast<std::size_t>(count));
+    for (auto& rank : ranks) rank = static_cast<std::int32_t>(random() % 100);
+    joined.parentRanks.push_back(Column<std::int32_t>::owned(std::move(ranks)));
+  }
+  return joined;
+}
+
 class JoinedOrdersCacheTest : public ::testing::Test {
  protected:
   // Obtains through the cache, counting merges, and waits for the background write.
-  Orders obtain(const std::string& joinKey, std::vector<SortKey> keys, std::size_t sources, std::int64_t total,
-                const Orders& answer) {
-    Orders result = cache.obtain(joinKey, keys, sources, total, [&] {
+  Joined obtain(const Request& asked, const Joined& answer) {
+    Joined result = cache.obtain(asked, [&] {
       ++merges;
       return answer;
     });
@@ -55,71 +79,82 @@ class JoinedOrdersCacheTest : public ::testing::Test {
 
   TempDir dir;
   JoinedOrdersCache cache{dir / "cache"};
-  Orders merged = permutations(kTotal, kKeys.size(), 7);
+  Joined merged = derived(7);
   int merges = 0;
 };
 
-TEST_F(JoinedOrdersCacheTest, MergedOrdersAreStoredAndMappedNextTime) {
-  const Orders first = obtain(kJoinKey, kKeys, 3, kTotal, merged);
+TEST_F(JoinedOrdersCacheTest, MergedStateIsStoredAndMappedNextTime) {
+  const Joined first = obtain(request(), merged);
   EXPECT_EQ(merges, 1);
-  EXPECT_TRUE(sameOrders(first, merged));
+  EXPECT_TRUE(same(first, merged));
   const auto file = dir / "cache" / (kJoinKey + ".tarvidx");
   ASSERT_TRUE(std::filesystem::exists(file));
   EXPECT_EQ(testing::permissionsOf(file), 0600u);
   EXPECT_EQ(testing::permissionsOf(dir / "cache"), 0700u);
 
-  // One Int32 section per key, and the values that identify the join.
+  // One Int32 section per key and per source, and the values that identify the join.
   IndexFile::Reader reader(file);
   for (const SortKey key : kKeys) EXPECT_TRUE(reader.has("order." + std::string(sortKeyName(key))));
+  for (const char* ranks : {"parentRanks.0", "parentRanks.1", "parentRanks.2"}) EXPECT_TRUE(reader.has(ranks));
   EXPECT_EQ(reader.integer("joinSources"), 3);
   EXPECT_EQ(reader.integer("joinTotal"), kTotal);
   EXPECT_EQ(reader.meta().at("joinKey"), kJoinKey);
 
   testing::ageFile(file, 10 * 86400);
-  const Orders second = obtain(kJoinKey, kKeys, 3, kTotal, permutations(kTotal, kKeys.size(), 99));
+  const Joined second = obtain(request(), derived(99));
   EXPECT_EQ(merges, 1) << "mapped, not merged";
-  EXPECT_TRUE(sameOrders(second, merged));
+  EXPECT_TRUE(same(second, merged));
   struct stat info {};
   ASSERT_EQ(::stat(file.c_str(), &info), 0);
   EXPECT_LT(std::time(nullptr) - info.st_mtime, 60) << "a mapped file is marked in use";
 
   // A subset of the stored keys is served from the same file.
-  const Orders subset = obtain(kJoinKey, {SortKey::size}, 3, kTotal, merged);
+  const Joined subset = obtain(request(kJoinKey, {SortKey::size}), merged);
   EXPECT_EQ(merges, 1);
-  EXPECT_TRUE(std::equal(subset[0].begin(), subset[0].end(), merged[2].begin(), merged[2].end()));
+  EXPECT_TRUE(std::equal(subset.orders[0].begin(), subset.orders[0].end(), merged.orders[2].begin(),
+                         merged.orders[2].end()));
 }
 
 TEST_F(JoinedOrdersCacheTest, NothingIsKeptForOneSourceOrWithoutAJoinKey) {
-  obtain(kJoinKey, kKeys, 1, kTotal, merged);
-  obtain(kJoinKey, kKeys, 1, kTotal, merged);
-  obtain("", kKeys, 2, kTotal, merged);
+  obtain(request(kJoinKey, kKeys, {100}), merged);
+  obtain(request(kJoinKey, kKeys, {100}), merged);
+  obtain(request(""), merged);
   EXPECT_EQ(merges, 3);
   EXPECT_FALSE(std::filesystem::exists(dir / "cache"));
 }
 
 TEST_F(JoinedOrdersCacheTest, UnusableFilesAreDeletedAndMergedAgain) {
   const auto file = dir / "cache" / (kJoinKey + ".tarvidx");
-  // Writes an orders file by hand with the given meta values and columns.
-  auto plant = [&](const std::string& joinKey, std::int64_t sources, std::int64_t total, const Orders& orders,
+  // Writes a file by hand with the given meta values and columns.
+  auto plant = [&](const std::string& joinKey, std::int64_t sources, std::int64_t total, const Joined& joined,
                    const std::vector<SortKey>& keys) {
     std::filesystem::create_directories(dir / "cache");
     IndexFile::Writer writer(file);
     writer.meta()["joinKey"] = joinKey;
     writer.meta()["joinSources"] = sources;
     writer.meta()["joinTotal"] = total;
-    for (std::size_t k = 0; k < keys.size(); ++k) writer.add("order." + std::string(sortKeyName(keys[k])), orders[k]);
+    for (std::size_t k = 0; k < keys.size(); ++k)
+      writer.add("order." + std::string(sortKeyName(keys[k])), joined.orders[k]);
+    for (std::size_t s = 0; s < joined.parentRanks.size(); ++s)
+      writer.add("parentRanks." + std::to_string(s), joined.parentRanks[s]);
     writer.finish();
   };
-  auto withValue = [&](std::size_t key, std::size_t at, std::int32_t value) {
-    Orders copy = merged;
-    std::vector<std::int32_t> ids(copy[key].begin(), copy[key].end());
-    ids[at] = value;
-    copy[key] = Column<std::int32_t>::owned(std::move(ids));
+  auto withValue = [&](Orders Joined::*part, std::size_t column, std::size_t at, std::int32_t value) {
+    Joined copy = merged;
+    std::vector<std::int32_t> values((copy.*part)[column].begin(), (copy.*part)[column].end());
+    values[at] = value;
+    (copy.*part)[column] = Column<std::int32_t>::owned(std::move(values));
     return copy;
   };
-  auto shorter = [&] {
-    Orders copy = merged;
-    copy[1] = Column<std::int32_t>(copy[1].data(), copy[1].size() - 1, copy[1].owner());
+  auto shorter = [&](Orders Joined::*part, std::size_t column) {
+    Joined copy = merged;
+    const auto& values = (copy.*part)[column];
+    (copy.*part)[column] = Column<std::int32_t>(values.data(), values.size() - 1, values.owner());
+    return copy;
+  };
+  auto withoutLastRanks = [&] {
+    Joined copy = merged;
+    copy.parentRanks.pop_back();
     return copy;
   };
 
@@ -131,10 +166,14 @@ TEST_F(JoinedOrdersCacheTest, UnusableFilesAreDeletedAndMergedAgain) {
       {"other source count", [&] { plant(kJoinKey, 2, kTotal, merged, kKeys); }},
       {"other total", [&] { plant(kJoinKey, 3, kTotal + 1, merged, kKeys); }},
       {"key missing", [&] { plant(kJoinKey, 3, kTotal, merged, {SortKey::name, SortKey::path, SortKey::size}); }},
-      {"short section", [&] { plant(kJoinKey, 3, kTotal, shorter(), kKeys); }},
-      {"id equal to the total", [&] { plant(kJoinKey, 3, kTotal, withValue(2, 4000, kTotal), kKeys); }},
-      {"negative id", [&] { plant(kJoinKey, 3, kTotal, withValue(3, 17, -1), kKeys); }},
-      {"huge id", [&] { plant(kJoinKey, 3, kTotal, withValue(0, kTotal - 1, 0x7fffffff), kKeys); }},
+      {"short order", [&] { plant(kJoinKey, 3, kTotal, shorter(&Joined::orders, 1), kKeys); }},
+      {"id equal to the total", [&] { plant(kJoinKey, 3, kTotal, withValue(&Joined::orders, 2, 4000, kTotal), kKeys); }},
+      {"negative id", [&] { plant(kJoinKey, 3, kTotal, withValue(&Joined::orders, 3, 17, -1), kKeys); }},
+      {"huge id", [&] { plant(kJoinKey, 3, kTotal, withValue(&Joined::orders, 0, kTotal - 1, 0x7fffffff), kKeys); }},
+      {"ranks of a source missing", [&] { plant(kJoinKey, 3, kTotal, withoutLastRanks(), kKeys); }},
+      {"short ranks", [&] { plant(kJoinKey, 3, kTotal, shorter(&Joined::parentRanks, 0), kKeys); }},
+      {"rank past the parent texts", [&] { plant(kJoinKey, 3, kTotal, withValue(&Joined::parentRanks, 1, 3, 100), kKeys); }},
+      {"negative rank", [&] { plant(kJoinKey, 3, kTotal, withValue(&Joined::parentRanks, 2, 0, -5), kKeys); }},
       {"not an index file", [&] { testing::writeBytes(file, std::string(200, 'x')); }},
       {"truncated", [&] {
          plant(kJoinKey, 3, kTotal, merged, kKeys);
@@ -145,26 +184,26 @@ TEST_F(JoinedOrdersCacheTest, UnusableFilesAreDeletedAndMergedAgain) {
     c.write();
     merges = 0;
     ::testing::internal::CaptureStderr();
-    const Orders orders = obtain(kJoinKey, kKeys, 3, kTotal, merged);
+    const Joined joined = obtain(request(), merged);
     EXPECT_EQ(::testing::internal::GetCapturedStderr(), "") << c.label;
     EXPECT_EQ(merges, 1) << c.label;
-    EXPECT_TRUE(sameOrders(orders, merged)) << c.label;
+    EXPECT_TRUE(same(joined, merged)) << c.label;
     // Rewritten in the background, and usable again.
-    obtain(kJoinKey, kKeys, 3, kTotal, merged);
+    obtain(request(), merged);
     EXPECT_EQ(merges, 1) << c.label;
   }
 }
 
-TEST_F(JoinedOrdersCacheTest, FailedWriteReportsOneLineAndKeepsTheOrders) {
+TEST_F(JoinedOrdersCacheTest, FailedWriteReportsOneLineAndKeepsTheState) {
   const auto blocker = dir.write("blocker", "");
   const JoinedOrdersCache blocked(blocker / "cache");
   ::testing::internal::CaptureStderr();
-  const Orders orders = blocked.obtain(kJoinKey, kKeys, 2, kTotal, [&] { return merged; });
+  const Joined joined = blocked.obtain(request(), [&] { return merged; });
   ASSERT_TRUE(PendingWrites::waitUntilDone(std::chrono::seconds(20)));
   EXPECT_EQ(::testing::internal::GetCapturedStderr(),
             "Tarv: index file not written (Cannot create cache directory " + blocker.string() +
                 ": Not a directory)\n");
-  EXPECT_TRUE(sameOrders(orders, merged));
+  EXPECT_TRUE(same(joined, merged));
 }
 
 }  // namespace

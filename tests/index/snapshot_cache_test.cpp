@@ -22,6 +22,15 @@ std::vector<std::int32_t> idsOf(const IndexSnapshot& snapshot, const std::string
   return {result.ids.begin(), result.ids.end()};
 }
 
+// What the snapshot's joined search asks its orders store for.
+JoinedOrdersStore::Request joinRequest(const IndexSnapshot& snapshot) {
+  JoinedOrdersStore::Request request{snapshot.search().joinKey(), snapshot.search().storedKeys(),
+                                     snapshot.search().total(), {}};
+  for (const auto& index : snapshot.search().indexes())
+    request.parentCounts.push_back(static_cast<std::int64_t>(index->parentRanks().size()));
+  return request;
+}
+
 class SnapshotCacheTest : public ::testing::Test {
  protected:
   Configuration twoSources() const {
@@ -52,9 +61,7 @@ TEST_F(SnapshotCacheTest, SecondSnapshotMapsSourcesAndJoinedOrders) {
     ASSERT_TRUE(std::filesystem::exists(files.fileOf(key))) << key;
     testing::ageFile(files.fileOf(key), 5 * 86400);
   }
-  const auto& keys = first.search().storedKeys();
-  const std::int64_t total = first.search().total();
-  ASSERT_TRUE(JoinedOrdersCache(cacheDir).map(joined, keys, 2, total).has_value());
+  ASSERT_TRUE(JoinedOrdersCache(cacheDir).map(joinRequest(first)).has_value());
 
   const IndexSnapshot second(configuration, testing::shippedTable());
   IndexSnapshot::finishWrites();
@@ -80,15 +87,12 @@ TEST_F(SnapshotCacheTest, StoredJoinedOrdersAreWhatTheNextSnapshotSearches) {
   // Replace the stored orders with their reverses: a snapshot that maps them
   // (rather than merging again) returns every row backwards.
   const JoinedOrdersCache orders(cacheDir);
-  const std::string joined = first.search().joinKey();
-  const auto& keys = first.search().storedKeys();
-  JoinedOrdersStore::Orders planted;
-  for (const SortKey key : keys) {
-    const Column<std::int32_t> order = first.search().order(key);
-    planted.push_back(Column<std::int32_t>::owned({order.span().rbegin(), order.span().rend()}));
-  }
-  std::filesystem::remove(orders.fileOf(joined));
-  orders.store(joined, keys, 2, first.search().total(), planted);
+  const auto request = joinRequest(first);
+  auto planted = orders.map(request);
+  ASSERT_TRUE(planted.has_value());
+  for (auto& order : planted->orders) order = Column<std::int32_t>::owned({order.span().rbegin(), order.span().rend()});
+  std::filesystem::remove(orders.fileOf(request.joinKey));
+  orders.store(request, *planted);
 
   const IndexSnapshot second(twoSources(), testing::shippedTable());
   IndexSnapshot::finishWrites();
@@ -115,6 +119,48 @@ TEST_F(SnapshotCacheTest, ChangingOneSourceRebuildsOnlyItAndTheJoin) {
   const IndexSnapshot uncached(twoSources(), testing::shippedTable());
   for (const std::string sort : {"name-asc", "path-desc", "size-asc", "date-modified-desc"})
     EXPECT_EQ(idsOf(second, "", sort), idsOf(uncached, "", sort)) << sort;
+}
+
+// A store that hands back whatever it was given, without checking it.
+class HandingStore final : public JoinedOrdersStore {
+ public:
+  explicit HandingStore(Joined joined) : joined_(std::move(joined)) {}
+  Joined obtain(const Request&, const std::function<Joined()>&) const override { return joined_; }
+
+ private:
+  Joined joined_;
+};
+
+TEST_F(SnapshotCacheTest, RanksThatDoNotFitAreNeverTrusted) {
+  testing::ScopedVariable none("TARV_INDEX_CACHE", std::nullopt);
+  const IndexSnapshot plain(twoSources(), testing::shippedTable());
+  const JoinedSearch& search = plain.search();
+  JoinedOrdersStore::Joined reversed;
+  for (const SortKey key : search.storedKeys()) {
+    const Column<std::int32_t> order = search.order(key);
+    reversed.orders.push_back(Column<std::int32_t>::owned({order.span().rbegin(), order.span().rend()}));
+  }
+  std::vector<std::int32_t> tooMany(search.indexes()[0]->parentRanks().size() + 1, 0);
+  const std::vector<std::int32_t> zeros(search.indexes()[1]->parentRanks().size(), 0);
+  struct Case {
+    const char* label;
+    JoinedOrdersStore::Orders ranks;
+  } cases[] = {
+      {"one source's ranks missing", {Column<std::int32_t>::owned(zeros)}},
+      {"too many ranks", {Column<std::int32_t>::owned(tooMany), Column<std::int32_t>::owned(zeros)}},
+      {"negative rank",
+       {Column<std::int32_t>::owned(std::vector<std::int32_t>(tooMany.size() - 1, -1)), Column<std::int32_t>::owned(zeros)}},
+  };
+  for (const auto& c : cases) {
+    const HandingStore store({reversed.orders, c.ranks});
+    const JoinedSearch joined(search.sources(), search.indexes(), search.cacheKeys(), testing::shippedTable(),
+                              JoinedSearch::Tuning(), &store);
+    for (const std::string sort : {"name-asc", "path-asc", "size-desc"}) {
+      const auto expected = search.search("", sort), actual = joined.search("", sort);
+      EXPECT_TRUE(std::equal(actual.ids.begin(), actual.ids.end(), expected.ids.begin(), expected.ids.end()))
+          << c.label << " " << sort;
+    }
+  }
 }
 
 }  // namespace
