@@ -1,6 +1,6 @@
 #include "kernel/query/execution_planner.h"
 
-#include <array>
+#include <algorithm>
 #include <bit>
 #include <utility>
 #include <vector>
@@ -17,10 +17,10 @@ enum Answer : std::uint8_t { kNo = 0, kYes = 1, kMaybe = 2 };
 
 enum class Op : std::uint8_t { yes, no, maybe, gram, extension, file, folder, path, allOf, anyOf, negate };
 
-// Deeper or larger trees are cut off as "maybe": the filter stays a few
-// dozen steps per row, and its stack a fixed array.
+// Deeper or larger trees are cut off as "maybe", so the filter stays a few
+// dozen steps per row and its walk a bounded recursion.
 constexpr int kMaxDepth = 32;
-constexpr std::size_t kMaxSteps = 256;
+constexpr std::size_t kMaxNodes = 256;
 
 // Parent states of a path term: the text occurs within the parent's part of
 // the path, or the path ends inside the parent text (a NUL cuts it).
@@ -30,11 +30,12 @@ constexpr std::int32_t kCut = -2;
 }  // namespace
 
 struct ExecutionPlanner::Filter {
-  struct Step {
+  struct Node {
     Op op = Op::maybe;
-    std::uint32_t arity = 0;  // allOf / anyOf
     std::uint64_t mask = 0;   // gram
     std::uint32_t table = 0;  // extension: hits; path: paths
+    int cost = 0;             // rough work per row, for ordering operands
+    std::vector<std::uint32_t> children;  // allOf / anyOf / negate, cheapest first
   };
 
   // A substring term over full paths, decided with a prefix automaton: the
@@ -47,7 +48,7 @@ struct ExecutionPlanner::Filter {
     std::vector<std::int32_t> parentState;  // state, kFound or kCut per parent
   };
 
-  std::vector<Step> steps;  // postfix
+  std::vector<Node> nodes;  // nodes[0] is the root
   std::vector<std::vector<std::uint8_t>> hits;
   std::vector<PathTerm> paths;
   bool grams = false;
@@ -60,152 +61,132 @@ struct ExecutionPlanner::Filter {
     return state;
   }
 
-  Answer decide(const SearchIndex& index, std::int32_t row) const noexcept {
+  // Operands are read cheapest first and the walk stops as soon as the
+  // answer is known. The tree is at most kMaxDepth deep.
+  Answer decide(const SearchIndex& index, std::int32_t row, std::uint32_t at = 0) const noexcept {
+    const Node& node = nodes[at];
     const Catalog& catalog = index.catalog();
-    std::array<std::uint8_t, kMaxSteps + 1> stack;
-    std::size_t top = 0;
-    for (const Step& step : steps) {
-      std::uint8_t value = kMaybe;
-      switch (step.op) {
-        case Op::yes: value = kYes; break;
-        case Op::no: value = kNo; break;
-        case Op::maybe: value = kMaybe; break;
-        case Op::gram:
-          value = (index.nameGramMasks()[static_cast<std::size_t>(row)] & step.mask) == step.mask ? kMaybe : kNo;
-          break;
-        case Op::extension: {
-          if (catalog.isDirectory(row)) {
-            value = kNo;
-            break;
-          }
-          const std::uint16_t id = index.extensionIds()[static_cast<std::size_t>(row)];
-          value = id == SearchIndex::kExtensionOverflow ? kMaybe : hits[step.table][id] ? kYes : kNo;
-          break;
-        }
-        case Op::file: value = catalog.isDirectory(row) ? kNo : kYes; break;
-        case Op::folder: value = catalog.isDirectory(row) ? kYes : kNo; break;
-        case Op::path: {
-          const PathTerm& term = paths[step.table];
-          std::int32_t state = term.parentState[catalog.parentIndex(row)];
-          if (state == kFound || state == kCut) {
-            value = state == kFound ? kYes : kNo;
-            break;
-          }
-          value = kNo;
-          const auto m = static_cast<std::int32_t>(term.text.size());
-          for (const Unit unit : catalog.nameUnits(row)) {
-            if (unit == 0) break;  // the displayed path ends at a NUL of the name
-            state = advance(term, state, unit, index.compatibility());
-            if (state == m) {
-              value = kYes;
-              break;
-            }
-          }
-          break;
-        }
-        case Op::allOf: {
-          std::uint8_t all = kYes;
-          for (std::uint32_t i = 0; i < step.arity; ++i) {
-            const std::uint8_t v = stack[--top];
-            if (v == kNo) all = kNo;
-            else if (v == kMaybe && all == kYes) all = kMaybe;
-          }
-          value = all;
-          break;
-        }
-        case Op::anyOf: {
-          std::uint8_t any = kNo;
-          for (std::uint32_t i = 0; i < step.arity; ++i) {
-            const std::uint8_t v = stack[--top];
-            if (v == kYes) any = kYes;
-            else if (v == kMaybe && any == kNo) any = kMaybe;
-          }
-          value = any;
-          break;
-        }
-        case Op::negate: {
-          const std::uint8_t v = stack[--top];
-          value = v == kMaybe ? kMaybe : v == kYes ? kNo : kYes;
-          break;
-        }
+    switch (node.op) {
+      case Op::yes: return kYes;
+      case Op::no: return kNo;
+      case Op::maybe: return kMaybe;
+      case Op::gram:
+        return (index.nameGramMasks()[static_cast<std::size_t>(row)] & node.mask) == node.mask ? kMaybe : kNo;
+      case Op::extension: {
+        if (catalog.isDirectory(row)) return kNo;
+        const std::uint16_t id = index.extensionIds()[static_cast<std::size_t>(row)];
+        if (id == SearchIndex::kExtensionOverflow) return kMaybe;
+        return hits[node.table][id] ? kYes : kNo;
       }
-      stack[top++] = value;
+      case Op::file: return catalog.isDirectory(row) ? kNo : kYes;
+      case Op::folder: return catalog.isDirectory(row) ? kYes : kNo;
+      case Op::path: {
+        const PathTerm& term = paths[node.table];
+        std::int32_t state = term.parentState[catalog.parentIndex(row)];
+        if (state == kFound) return kYes;
+        if (state == kCut) return kNo;
+        const auto m = static_cast<std::int32_t>(term.text.size());
+        for (const Unit unit : catalog.nameUnits(row)) {
+          if (unit == 0) break;  // the displayed path ends at a NUL of the name
+          state = advance(term, state, unit, index.compatibility());
+          if (state == m) return kYes;
+        }
+        return kNo;
+      }
+      case Op::allOf: {
+        Answer all = kYes;
+        for (const std::uint32_t child : node.children) {
+          const Answer a = decide(index, row, child);
+          if (a == kNo) return kNo;
+          if (a == kMaybe) all = kMaybe;
+        }
+        return all;
+      }
+      case Op::anyOf: {
+        Answer any = kNo;
+        for (const std::uint32_t child : node.children) {
+          const Answer a = decide(index, row, child);
+          if (a == kYes) return kYes;
+          if (a == kMaybe) any = kMaybe;
+        }
+        return any;
+      }
+      case Op::negate: {
+        const Answer a = decide(index, row, node.children.front());
+        return a == kMaybe ? kMaybe : a == kYes ? kNo : kYes;
+      }
     }
-    return static_cast<Answer>(stack[0]);
+    return kMaybe;
   }
 };
 
 namespace {
 
-// Turns a query tree into filter steps. Every step answers exactly as
+// Turns a query tree into a filter tree. Every node answers exactly as
 // Query::matches would for its term, or "maybe".
 class FilterCompiler {
  public:
+  using Node = ExecutionPlanner::Filter::Node;
+
   FilterCompiler(const SearchIndex& index, ExecutionPlanner::Filter& filter) : index_(index), filter_(filter) {}
 
-  void compile(const Term& term, int depth) {
-    using Step = ExecutionPlanner::Filter::Step;
-    if (depth > kMaxDepth || filter_.steps.size() >= kMaxSteps) {
-      push({Op::maybe});
-      return;
-    }
-    const std::size_t mark = filter_.steps.size();
+  // Appends the node of `term` (and its operands) and returns its index.
+  std::uint32_t compile(const Term& term, int depth) {
+    const auto at = static_cast<std::uint32_t>(filter_.nodes.size());
+    filter_.nodes.emplace_back();
+    if (depth > kMaxDepth || at >= kMaxNodes) return at;  // maybe
+    Node node;
     switch (term.kind) {
-      case Kind::true_: push({Op::yes}); return;
-      case Kind::false_: push({Op::no}); return;
+      case Kind::true_: node.op = Op::yes; break;
+      case Kind::false_: node.op = Op::no; break;
       case Kind::and_:
-      case Kind::or_: {
-        if (mark + term.children.size() + 1 > kMaxSteps) {
-          push({Op::maybe});
-          return;
+      case Kind::or_:
+      case Kind::not_: {
+        if (term.kind == Kind::not_) {
+          // Only the first operand counts, as in Query::matches.
+          if (term.children.empty()) {
+            node.op = Op::yes;
+            break;
+          }
+          node.op = Op::negate;
+        } else {
+          node.op = term.kind == Kind::and_ ? Op::allOf : Op::anyOf;
         }
-        for (const auto& child : term.children) compile(*child, depth + 1);
-        Step step{term.kind == Kind::and_ ? Op::allOf : Op::anyOf};
-        step.arity = static_cast<std::uint32_t>(term.children.size());
-        push(step);
-        collapseBeyondBudget(mark);
-        return;
+        if (at + term.children.size() >= kMaxNodes) return at;  // maybe
+        const std::size_t operands = term.kind == Kind::not_ ? 1 : term.children.size();
+        for (std::size_t i = 0; i < operands; ++i) {
+          const std::uint32_t child = compile(*term.children[i], depth + 1);
+          node.children.push_back(child);
+          node.cost += filter_.nodes[child].cost;
+        }
+        if (filter_.nodes.size() > kMaxNodes) {
+          // Over budget: the whole subtree answers "maybe".
+          filter_.nodes.resize(at + 1);
+          return at;
+        }
+        std::stable_sort(node.children.begin(), node.children.end(), [&](std::uint32_t x, std::uint32_t y) {
+          return filter_.nodes[x].cost < filter_.nodes[y].cost;
+        });
+        break;
       }
-      case Kind::not_:
-        // Only the first operand counts, as in Query::matches.
-        if (term.children.empty()) {
-          push({Op::yes});
-          return;
-        }
-        compile(*term.children.front(), depth + 1);
-        push({Op::negate});
-        collapseBeyondBudget(mark);
-        return;
-      case Kind::text: text(term); return;
-      case Kind::ext: extension(term); return;
-      case Kind::file: push({Op::file}); return;
-      case Kind::folder: push({Op::folder}); return;
-      default: push({Op::maybe}); return;
+      case Kind::text: text(term, node); break;
+      case Kind::ext: extension(term, node); break;
+      case Kind::file: node.op = Op::file; node.cost = 1; break;
+      case Kind::folder: node.op = Op::folder; node.cost = 1; break;
+      default: break;  // maybe
     }
+    filter_.nodes[at] = std::move(node);
+    return at;
   }
 
  private:
-  void push(ExecutionPlanner::Filter::Step step) { filter_.steps.push_back(step); }
-
-  // A subtree whose steps overran the budget answers "maybe" as a whole, so
-  // the program (and the evaluation stack) never exceeds kMaxSteps.
-  void collapseBeyondBudget(std::size_t mark) {
-    if (filter_.steps.size() <= kMaxSteps) return;
-    filter_.steps.resize(mark);
-    push({Op::maybe});
-  }
-
-  void text(const Term& term) {
+  void text(const Term& term, Node& node) {
     if (term.text.empty()) {
-      push({Op::yes});
+      node.op = Op::yes;
       return;
     }
     if (term.fullPath) {
-      if (term.wildcard || term.whole || term.text.size() != term.raw.size()) {
-        push({Op::maybe});
-        return;
-      }
-      path(term);
+      if (!term.wildcard && !term.whole && term.text.size() == term.raw.size()) path(term, node);
       return;
     }
     // Names: every literal run of the term (the whole text, or the runs
@@ -220,28 +201,25 @@ class FilterCompiler {
       if (i - begin >= 2) mask |= SearchIndex::gramMask(index_.compatibility(), TextView(raw).substr(begin, i - begin));
       begin = i + 1;
     }
-    if (mask == 0) {
-      push({Op::maybe});
-      return;
-    }
+    if (mask == 0) return;
     filter_.grams = true;
-    ExecutionPlanner::Filter::Step step{Op::gram};
-    step.mask = mask;
-    push(step);
+    node.op = Op::gram;
+    node.mask = mask;
+    node.cost = 1;
   }
 
-  void extension(const Term& term) {
+  void extension(const Term& term, Node& node) {
     std::vector<std::uint8_t> hits(65536, 0);
     for (const Text& listed : term.extensions)
       for (const std::int32_t id : index_.extensionIdsMatching(listed, term.sensitive))
         if (id >= 0 && id < 65536) hits[static_cast<std::size_t>(id)] = 1;
-    ExecutionPlanner::Filter::Step step{Op::extension};
-    step.table = static_cast<std::uint32_t>(filter_.hits.size());
+    node.op = Op::extension;
+    node.table = static_cast<std::uint32_t>(filter_.hits.size());
+    node.cost = 2;
     filter_.hits.push_back(std::move(hits));
-    push(step);
   }
 
-  void path(const Term& term) {
+  void path(const Term& term, Node& node) {
     ExecutionPlanner::Filter::PathTerm p;
     p.text = term.text;
     p.sensitive = term.sensitive;
@@ -273,10 +251,10 @@ class FilterCompiler {
             state == static_cast<std::int32_t>(m) ? kFound : cut ? kCut : state;
       }
     });
-    ExecutionPlanner::Filter::Step step{Op::path};
-    step.table = static_cast<std::uint32_t>(filter_.paths.size());
+    node.op = Op::path;
+    node.table = static_cast<std::uint32_t>(filter_.paths.size());
+    node.cost = 16;
     filter_.paths.push_back(std::move(p));
-    push(step);
   }
 
   const SearchIndex& index_;
@@ -309,7 +287,7 @@ ExecutionPlanner::Plan ExecutionPlanner::plan(TextView query) const {
   }
   auto filter = std::make_shared<Filter>();
   FilterCompiler(*index_, *filter).compile(*plan.root, 0);
-  if (filter->steps.size() == 1 && filter->steps.front().op == Op::maybe) {
+  if (filter->nodes.front().op == Op::maybe) {
     plan.strategy = Strategy::scan;
     return plan;
   }
@@ -333,6 +311,9 @@ ExecutionPlanner::Selection ExecutionPlanner::run(const Plan& plan) const {
 
   const Term& root = *plan.root;
   const Filter* filter = plan.filter.get();
+  const std::uint64_t* masks = index_->nameGramMasks().data();
+  const std::uint64_t onlyGrams =
+      filter != nullptr && filter->nodes.front().op == Op::gram ? filter->nodes.front().mask : 0;
   std::vector<std::uint64_t>& words = selection.rows.words();
   // Chunks own whole words (alignment 64), so they write without sharing.
   const Parallel::Plan chunking = Parallel::plan(n, 64, scanMinimum_);
@@ -343,11 +324,20 @@ ExecutionPlanner::Selection ExecutionPlanner::run(const Plan& plan) const {
       std::uint64_t bits = 0;
       const std::int64_t first = w << 6;
       const std::int64_t last = std::min(first + 64, end);
-      for (std::int64_t row = first; row < last; ++row) {
-        const auto r = static_cast<std::int32_t>(row);
-        const Answer answer = filter != nullptr ? filter->decide(*index_, r) : kMaybe;
-        if (answer == kYes || (answer == kMaybe && Query::matches(root, catalog, r, compatibility)))
-          bits |= std::uint64_t(1) << (row - first);
+      if (onlyGrams != 0) {
+        // One bigram test decides most rows: a tight loop over the masks.
+        for (std::int64_t row = first; row < last; ++row) {
+          if ((masks[row] & onlyGrams) != onlyGrams) continue;
+          if (Query::matches(root, catalog, static_cast<std::int32_t>(row), compatibility))
+            bits |= std::uint64_t(1) << (row - first);
+        }
+      } else {
+        for (std::int64_t row = first; row < last; ++row) {
+          const auto r = static_cast<std::int32_t>(row);
+          const Answer answer = filter != nullptr ? filter->decide(*index_, r) : kMaybe;
+          if (answer == kYes || (answer == kMaybe && Query::matches(root, catalog, r, compatibility)))
+            bits |= std::uint64_t(1) << (row - first);
+        }
       }
       words[static_cast<std::size_t>(w)] = bits;
       found += std::popcount(bits);

@@ -13,11 +13,12 @@
 //                 (a plain name term, or a literal run of a name pattern)
 //                 cannot match and is skipped untested.
 //   "filter-scan" a row filter without bigram tests decides first.
-// The row filter is a small program compiled from the query tree that
-// answers yes, no or maybe per row from cheap facts: name-bigram masks,
-// extension ids, the folder bit, and for path terms the matching state at
-// the end of each parent text (computed once per parent), continued over the
-// name. Only "maybe" rows are tested with Query::matches.
+// The row filter is a small tree compiled from the query that answers yes,
+// no or maybe per row from cheap facts (operands cheapest first, stopping as
+// soon as the answer is known): name-bigram masks, extension ids, the folder
+// bit, and for path terms the matching state at the end of each parent text
+// (computed once per parent), continued over the name. Only "maybe" rows are
+// tested with Query::matches.
 //
 // Holds the search index (and through it the catalog and tables) alive.
 // Immutable; select() may run on several threads at once. Never throws on
