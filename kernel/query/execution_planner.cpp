@@ -15,7 +15,17 @@ using Term = Query::Term;
 
 enum Answer : std::uint8_t { kNo = 0, kYes = 1, kMaybe = 2 };
 
-enum class Op : std::uint8_t { yes, no, maybe, gram, extension, file, folder, path, allOf, anyOf, negate };
+enum class Op : std::uint8_t {
+  yes, no, maybe, gram, extension, file, folder, path, parent, volume, number, allOf, anyOf, negate
+};
+
+// Whole-text equality as text, parent and volume terms compare.
+bool equalsText(const Query::Term& term, TextView subject, const Compatibility& table) {
+  if (subject.size() != term.text.size()) return false;
+  for (std::size_t i = 0; i < subject.size(); ++i)
+    if (term.text[i] != (term.sensitive ? subject[i] : table.fold(subject[i]))) return false;
+  return true;
+}
 
 // Deeper or larger trees are cut off as "maybe", so the filter stays a few
 // dozen steps per row and its walk a bounded recursion.
@@ -33,7 +43,11 @@ struct ExecutionPlanner::Filter {
   struct Node {
     Op op = Op::maybe;
     std::uint64_t mask = 0;   // gram
-    std::uint32_t table = 0;  // extension: hits; path: paths
+    std::uint32_t table = 0;  // extension, parent, volume: hits; path: paths
+    // number: the term (size, date and size-on-disk rules).
+    Query::Kind field = Query::Kind::size;
+    std::uint64_t low = 0, high = 0;
+    bool unknown = false, sizeFolders = false;
     int cost = 0;             // rough work per row, for ordering operands
     std::vector<std::uint32_t> children;  // allOf / anyOf / negate, cheapest first
   };
@@ -92,6 +106,26 @@ struct ExecutionPlanner::Filter {
           if (state == m) return kYes;
         }
         return kNo;
+      }
+      case Op::parent: return hits[node.table][catalog.parentIndex(row)] ? kYes : kNo;
+      case Op::volume: {
+        const std::uint16_t id = catalog.deviceId(row);
+        return id != kNoDevice && id < hits[node.table].size() && hits[node.table][id] ? kYes : kNo;
+      }
+      case Op::number: {
+        std::uint64_t value = kUnknown64;
+        switch (node.field) {
+          case Kind::size: value = catalog.rawSize(row); break;
+          case Kind::modified: value = catalog.rawModified(row); break;
+          case Kind::created: value = catalog.rawCreated(row); break;
+          default: value = catalog.rawAllocated(row); break;
+        }
+        if (node.unknown) {
+          if (value != kUnknown64) return kNo;
+          // Without real folder sizes a folder's unknown size says nothing.
+          return node.field == Kind::size && !node.sizeFolders && catalog.isDirectory(row) ? kNo : kYes;
+        }
+        return value != kUnknown64 && node.low <= value && value <= node.high ? kYes : kNo;
       }
       case Op::allOf: {
         Answer all = kYes;
@@ -171,6 +205,20 @@ class FilterCompiler {
       }
       case Kind::text: text(term, node); break;
       case Kind::ext: extension(term, node); break;
+      case Kind::parent: parent(term, node); break;
+      case Kind::volume: volume(term, node); break;
+      case Kind::size:
+      case Kind::modified:
+      case Kind::created:
+      case Kind::allocated:
+        node.op = Op::number;
+        node.field = term.kind;
+        node.low = term.low;
+        node.high = term.high;
+        node.unknown = term.unknown;
+        node.sizeFolders = term.sizeFolders;
+        node.cost = 1;
+        break;
       case Kind::file: node.op = Op::file; node.cost = 1; break;
       case Kind::folder: node.op = Op::folder; node.cost = 1; break;
       default: break;  // maybe
@@ -216,6 +264,32 @@ class FilterCompiler {
     node.op = Op::extension;
     node.table = static_cast<std::uint32_t>(filter_.hits.size());
     node.cost = 2;
+    filter_.hits.push_back(std::move(hits));
+  }
+
+  // parent: the row's parent text, trimmed as a folder path, equals the text.
+  void parent(const Term& term, Node& node) {
+    const Catalog& catalog = index_.catalog();
+    std::vector<std::uint8_t> hits(static_cast<std::size_t>(std::max(catalog.parentCount(), 0)), 0);
+    for (std::size_t p = 0; p < hits.size(); ++p) {
+      const TextView text = catalog.parentUnits(static_cast<std::uint32_t>(p));
+      hits[p] = equalsText(term, path_flavor::trimParent(catalog.pathFlavor(), text), index_.compatibility()) ? 1 : 0;
+    }
+    node.op = Op::parent;
+    node.table = static_cast<std::uint32_t>(filter_.hits.size());
+    node.cost = 1;
+    filter_.hits.push_back(std::move(hits));
+  }
+
+  // volume-label: the label of the row's device equals the text.
+  void volume(const Term& term, Node& node) {
+    const auto& labels = index_.catalog().parts().deviceLabels;
+    std::vector<std::uint8_t> hits(labels.size(), 0);
+    for (std::size_t d = 0; d < labels.size(); ++d)
+      hits[d] = labels[d] && equalsText(term, *labels[d], index_.compatibility()) ? 1 : 0;
+    node.op = Op::volume;
+    node.table = static_cast<std::uint32_t>(filter_.hits.size());
+    node.cost = 1;
     filter_.hits.push_back(std::move(hits));
   }
 

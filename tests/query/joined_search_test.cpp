@@ -277,7 +277,9 @@ TEST(JoinedSearch, PlannerStrategies) {
       {"folders", "folder:", ExecutionPlanner::Strategy::filterScan, 2},
       {"full path", "path:home", ExecutionPlanner::Strategy::filterScan, 4},
       {"path literal", "Data\\Al", ExecutionPlanner::Strategy::scan, 1},
-      {"size", "size:>5", ExecutionPlanner::Strategy::scan, 2},
+      {"size", "size:>5", ExecutionPlanner::Strategy::filterScan, 2},
+      {"parent folder", "parent:/HOME", ExecutionPlanner::Strategy::filterScan, 3},
+      {"no volume labels", "volume-label:x", ExecutionPlanner::Strategy::filterScan, 0},
   };
   for (const Case& c : cases) {
     const auto result = search->search(c.query, "name-asc");
