@@ -22,7 +22,9 @@ std::vector<T> values(const Column<T>& column) {
 template <class T>
 void expectSameOptional(const std::optional<Column<T>>& a, const std::optional<Column<T>>& b, const char* label) {
   ASSERT_EQ(a.has_value(), b.has_value()) << label;
-  if (a) EXPECT_EQ(values(*a), values(*b)) << label;
+  if (a) {
+    EXPECT_EQ(values(*a), values(*b)) << label;
+  }
 }
 
 void expectSameCatalog(const Catalog& a, const Catalog& b) {
