@@ -12,6 +12,7 @@
 #include "kernel/index/load_trace.h"
 #include "kernel/service/form_fields.h"
 #include "kernel/service/http_server.h"
+#include "kernel/service/page_writer.h"
 
 namespace tarv {
 namespace {
@@ -20,18 +21,6 @@ constexpr std::string_view kQueriesPrefix = "/v1/queries/";
 constexpr std::size_t kMaxQueryBody = 16384;
 
 double roundToHundredths(double ms) { return std::round(ms * 100.0) / 100.0; }
-
-json::Value rowObject(const JoinedSearch::Row& row) {
-  json::Value object{{"id", row.id}, {"sourceId", row.sourceId}, {"name", row.name}, {"path", row.path},
-                     {"kind", row.kind}};
-  // Unknown values are left out rather than sent as placeholders.
-  if (row.size) object["size"] = *row.size;
-  if (row.modifiedMs) object["modifiedMs"] = *row.modifiedMs;
-  if (row.createdMs) object["createdMs"] = *row.createdMs;
-  if (row.sizeOnDisk) object["sizeOnDisk"] = *row.sizeOnDisk;
-  if (row.device) object["device"] = *row.device;
-  return object;
-}
 
 }  // namespace
 
@@ -130,10 +119,9 @@ HttpResponse HTTPServer::readPage(const HttpRequest& request, const std::string&
   if (!entry) return HttpResponse::error(410, "expired", "Query expired or was evicted; search again");
 
   const std::int64_t total = static_cast<std::int64_t>(entry->rows.size());
-  const std::int64_t end = offset >= total ? offset : std::min(total, offset + limit);
-  json::Value rows = json::Value::array();
-  for (std::int64_t i = offset; i < end; ++i) rows.push_back(rowObject(search_->row(entry->rows[static_cast<std::size_t>(i)])));
-  return HttpResponse::json(200, json::Value{{"offset", offset}, {"rows", std::move(rows)}});
+  const std::int64_t first = std::min(offset, total);
+  const std::int64_t end = std::min(total, first + limit);
+  return {200, page::body(*search_, entry->rows, offset, static_cast<std::size_t>(first), static_cast<std::size_t>(end))};
 }
 
 HttpResponse HTTPServer::deleteQuery(const std::string& id) {
