@@ -1,6 +1,7 @@
 #include "kernel/query/execution_planner.h"
 
 #include <algorithm>
+#include <array>
 #include <bit>
 #include <utility>
 #include <vector>
@@ -16,8 +17,11 @@ using Term = Query::Term;
 enum Answer : std::uint8_t { kNo = 0, kYes = 1, kMaybe = 2 };
 
 enum class Op : std::uint8_t {
-  yes, no, maybe, gram, extension, file, folder, path, parent, volume, number, allOf, anyOf, negate
+  yes, no, maybe, gram, name, extension, file, folder, path, parent, volume, number, allOf, anyOf, negate
 };
+
+// Names longer than this are left to Query::matches by the name test.
+constexpr std::size_t kFoldBuffer = 256;
 
 // Whole-text equality as text, parent and volume terms compare.
 bool equalsText(const Query::Term& term, TextView subject, const Compatibility& table) {
@@ -48,6 +52,9 @@ struct ExecutionPlanner::Filter {
     Query::Kind field = Query::Kind::size;
     std::uint64_t low = 0, high = 0;
     bool unknown = false, sizeFolders = false;
+    // name: the compared text (folded unless sensitive).
+    Text text;
+    bool sensitive = false, whole = false;
     int cost = 0;             // rough work per row, for ordering operands
     std::vector<std::uint32_t> children;  // allOf / anyOf / negate, cheapest first
   };
@@ -75,6 +82,20 @@ struct ExecutionPlanner::Filter {
     return state;
   }
 
+  // A plain name term: the text as a run of the name (or the whole name),
+  // compared unit by unit with the name folded unless the term is sensitive.
+  static Answer nameContains(const Node& node, TextView name, const Compatibility& table) noexcept {
+    TextView subject = name;
+    std::array<Unit, kFoldBuffer> folded;
+    if (!node.sensitive) {
+      if (name.size() > folded.size()) return kMaybe;
+      for (std::size_t i = 0; i < name.size(); ++i) folded[i] = table.fold(name[i]);
+      subject = TextView(folded.data(), name.size());
+    }
+    if (node.whole) return subject == TextView(node.text) ? kYes : kNo;
+    return subject.find(node.text) != TextView::npos ? kYes : kNo;
+  }
+
   // Operands are read cheapest first and the walk stops as soon as the
   // answer is known. The tree is at most kMaxDepth deep.
   Answer decide(const SearchIndex& index, std::int32_t row, std::uint32_t at = 0) const noexcept {
@@ -86,6 +107,9 @@ struct ExecutionPlanner::Filter {
       case Op::maybe: return kMaybe;
       case Op::gram:
         return (index.nameGramMasks()[static_cast<std::size_t>(row)] & node.mask) == node.mask ? kMaybe : kNo;
+      case Op::name:
+        if ((index.nameGramMasks()[static_cast<std::size_t>(row)] & node.mask) != node.mask) return kNo;
+        return nameContains(node, catalog.nameUnits(row), index.compatibility());
       case Op::extension: {
         if (catalog.isDirectory(row)) return kNo;
         const std::uint16_t id = index.extensionIds()[static_cast<std::size_t>(row)];
@@ -249,11 +273,20 @@ class FilterCompiler {
       if (i - begin >= 2) mask |= SearchIndex::gramMask(index_.compatibility(), TextView(raw).substr(begin, i - begin));
       begin = i + 1;
     }
-    if (mask == 0) return;
-    filter_.grams = true;
-    node.op = Op::gram;
+    if (mask == 0 && term.wildcard) return;
+    filter_.grams = filter_.grams || mask != 0;
     node.mask = mask;
     node.cost = 1;
+    if (term.wildcard) {
+      node.op = Op::gram;
+      return;
+    }
+    // A plain text is decided here: the bigram test, then the text itself.
+    node.op = Op::name;
+    node.text = term.text;
+    node.sensitive = term.sensitive;
+    node.whole = term.whole;
+    node.cost = 3;
   }
 
   void extension(const Term& term, Node& node) {
@@ -386,8 +419,10 @@ ExecutionPlanner::Selection ExecutionPlanner::run(const Plan& plan) const {
   const Term& root = *plan.root;
   const Filter* filter = plan.filter.get();
   const std::uint64_t* masks = index_->nameGramMasks().data();
-  const std::uint64_t onlyGrams =
-      filter != nullptr && filter->nodes.front().op == Op::gram ? filter->nodes.front().mask : 0;
+  // A root that is one bigram test (a pattern or a plain name text): rows
+  // without the bits are passed over before anything else is read.
+  const Op rootOp = filter != nullptr ? filter->nodes.front().op : Op::maybe;
+  const std::uint64_t onlyGrams = rootOp == Op::gram || rootOp == Op::name ? filter->nodes.front().mask : 0;
   std::vector<std::uint64_t>& words = selection.rows.words();
   // Chunks own whole words (alignment 64), so they write without sharing.
   const Parallel::Plan chunking = Parallel::plan(n, 64, scanMinimum_);
@@ -402,7 +437,9 @@ ExecutionPlanner::Selection ExecutionPlanner::run(const Plan& plan) const {
         // One bigram test decides most rows: a tight loop over the masks.
         for (std::int64_t row = first; row < last; ++row) {
           if ((masks[row] & onlyGrams) != onlyGrams) continue;
-          if (Query::matches(root, catalog, static_cast<std::int32_t>(row), compatibility))
+          const auto r = static_cast<std::int32_t>(row);
+          const Answer answer = filter->decide(*index_, r);
+          if (answer == kYes || (answer == kMaybe && Query::matches(root, catalog, r, compatibility)))
             bits |= std::uint64_t(1) << (row - first);
         }
       } else {

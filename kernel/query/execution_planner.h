@@ -17,8 +17,9 @@
 // no or maybe per row from cheap facts (operands cheapest first, stopping as
 // soon as the answer is known): name-bigram masks, extension ids, the folder
 // bit, and for path terms the matching state at the end of each parent text
-// (computed once per parent), continued over the name. Only "maybe" rows are
-// tested with Query::matches.
+// (computed once per parent), continued over the name; plain name texts are
+// decided by their bigram test and then the text itself. Only "maybe" rows
+// are tested with Query::matches.
 //
 // Holds the search index (and through it the catalog and tables) alive.
 // Immutable; select() may run on several threads at once. Never throws on

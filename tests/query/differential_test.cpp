@@ -78,6 +78,10 @@ std::string randomName(Random& random, PathFlavor flavor, bool nulUnits) {
     std::string name;
     if (random.chance(0.7)) {
       name = random.pick(kNames);
+    } else if (random.chance(0.03)) {
+      // Long names, around the lengths that fast paths treat differently.
+      const auto length = random.between(240, 300);
+      for (std::int64_t i = 0; i < length; ++i) name += random.chance(0.9) ? "a" : random.pick(kUnits);
     } else {
       const auto length = random.between(1, 6);
       for (std::int64_t i = 0; i < length; ++i) name += random.pick(kUnits);

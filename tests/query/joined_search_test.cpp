@@ -269,7 +269,7 @@ TEST(JoinedSearch, PlannerStrategies) {
       {"literal inside file:", "file:alpha", ExecutionPlanner::Strategy::gramScan, 2},
       {"literal run of a pattern", "*.txt", ExecutionPlanner::Strategy::gramScan, 4},
       {"pattern without a run", "?*", ExecutionPlanner::Strategy::scan, 7},
-      {"one unit", "a", ExecutionPlanner::Strategy::scan, 6},
+      {"one unit", "a", ExecutionPlanner::Strategy::filterScan, 6},
       {"alternatives", "alpha|gamma", ExecutionPlanner::Strategy::gramScan, 3},
       {"one alternative unfiltered", "alpha|a", ExecutionPlanner::Strategy::gramScan, 6},
       {"negated literal", "!alpha", ExecutionPlanner::Strategy::gramScan, 5},
