@@ -205,9 +205,6 @@ TEST_F(HttpServerTest, PageParameterErrors) {
       {"limit overflows", v + "&offset=0&limit=99999999999999999999", 400, "For input string"},
       {"missing limit", v + "&offset=0", 400, "Expected fields: version, offset, limit"},
       {"extra field", v + "&offset=0&limit=1&sort=x", 400, "Expected fields: version, offset, limit"},
-      {"duplicate", v + "&offset=0&offset=1&limit=1", 400, "Duplicate parameter"},
-      {"bad escape", v + "&offset=%G0&limit=1", 400, "URLDecoder: Illegal hex characters in escape (%) pattern"},
-      {"pair without =", v + "&offset&limit=1", 400, "Expected key=value"},
       {"range before version", "version=old&offset=0&limit=0", 400, range},
   };
   for (const Case& c : cases)
@@ -232,8 +229,6 @@ TEST_F(HttpServerTest, QueryBodyErrors) {
   const Case cases[] = {
       {"no body", "", "Expected fields: query, sort"},
       {"missing sort", "query=a", "Expected fields: query, sort"},
-      {"duplicate", "query=a&query=b&sort=name-asc", "Duplicate parameter"},
-      {"no =", "query&sort=name-asc", "Expected key=value"},
       {"bad escape", "query=%%&sort=name-asc", "URLDecoder: Illegal hex characters in escape (%) pattern"},
       {"unknown sort", "query=a&sort=sideways", "Unsupported sort: sideways"},
       {"query too long", "query=" + std::string(2049, 'a') + "&sort=name-asc", "Query exceeds 2048 characters"},
@@ -286,14 +281,6 @@ TEST_F(HttpServerTest, ResultsExpireOnTheInjectedClock) {
   EXPECT_EQ(get(target).status, 200);
   *now_ += 120000;
   expectError(get(target), 410, "expired", "Query expired or was evicted; search again", "after two minutes idle");
-}
-
-TEST_F(HttpServerTest, FifthQueryEvictsTheFirst) {
-  std::vector<std::string> ids;
-  for (int i = 0; i < 5; ++i) ids.push_back(create());
-  const std::string params = "version=" + version() + "&offset=0&limit=1";
-  EXPECT_EQ(get(page(ids[0], params)).status, 410);
-  for (int i = 1; i < 5; ++i) EXPECT_EQ(get(page(ids[i], params)).status, 200) << i;
 }
 
 TEST_F(HttpServerTest, KeepAliveServesManyRequestsOnOneConnection) {

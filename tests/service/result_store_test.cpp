@@ -5,7 +5,6 @@
 
 #include <atomic>
 #include <regex>
-#include <set>
 #include <thread>
 
 #include "kernel/base/kernel_error.h"
@@ -61,12 +60,6 @@ TEST(ResultStore, AddStoresACopyUnderAFreshLowerCaseUuid) {
   ASSERT_TRUE(found);
   EXPECT_EQ(found->rows.data(), entry.rows.data()) << "rows are shared, not copied";
   EXPECT_EQ(store.bytes(), 12);
-}
-
-TEST(ResultStore, IdsAreDistinct) {
-  std::set<std::string> ids;
-  for (int i = 0; i < 1000; ++i) ids.insert(ResultStore::randomId());
-  EXPECT_EQ(ids.size(), 1000u);
 }
 
 TEST(ResultStore, FifthResultEvictsTheOldestEvenWhenItWasJustRead) {
