@@ -12,11 +12,11 @@
 #include <vector>
 
 #include "core/platform/system_info.h"
-#include "kernel/base/files.h"
 #include "kernel/base/kernel_error.h"
 #include "kernel/catalog/catalog_builder.h"
 #include "kernel/sources/canonical_path.h"
 #include "kernel/sources/canonical_text.h"
+#include "kernel/sources/snapshot_file.h"
 #include "kernel/sources/snapshot_record.h"
 
 namespace tarv::SnapshotReader {
@@ -219,9 +219,11 @@ Catalog load(const std::filesystem::path& url, const std::string& sourceId, cons
   std::string_view canonicalRoot = canonical::nfc(root, rootStorage);
   NativeCatalogBuilder builder(sourceId, PathFlavor::posix, /*directorySizes=*/true);
 
-  std::string bytes = files::readAll(url);
-  if (!simdjson::validate_utf8(bytes)) throw KernelError::io("Input length = 1");
-  std::size_t length = bytes.size();
+  int processors = std::min(platform::activeProcessorCount(), kMaxWorkers);
+  auto file = snapshot::SnapshotFile::read(url, processors);
+  const char* bytes = file.data();
+  if (!simdjson::validate_utf8(bytes, file.size())) throw KernelError::io("Input length = 1");
+  std::size_t length = file.size();
   // One final separator ends the last line instead of starting a blank one.
   if (length >= 2 && bytes[length - 2] == '\r' && bytes[length - 1] == '\n') {
     length -= 2;
@@ -230,10 +232,10 @@ Catalog load(const std::filesystem::path& url, const std::string& sourceId, cons
   }
   if (length == 0) throw KernelError::io("Empty snapshot");
 
-  const char* readableEnd = bytes.data() + bytes.size();
-  std::vector<Chunk> chunks = cutChunks(bytes.data(), bytes.data() + length);
+  const char* readableEnd = bytes + file.size();
+  std::vector<Chunk> chunks = cutChunks(bytes, bytes + length);
   std::uint64_t recordNumber = 0;
-  int workers = std::min({platform::activeProcessorCount(), kMaxWorkers, static_cast<int>(chunks.size())});
+  int workers = std::min(processors, static_cast<int>(chunks.size()));
   if (workers <= 1) {
     SnapshotRecordReader reader(canonicalRoot);
     Batch batch;

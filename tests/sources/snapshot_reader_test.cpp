@@ -4,12 +4,16 @@
 #include "kernel/sources/snapshot_reader.h"
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <map>
+#include <fstream>
 #include <random>
+#include <thread>
 
 #include "kernel/base/kernel_error.h"
 #include "kernel/sources/canonical_path.h"
+#include "kernel/sources/snapshot_file.h"
 #include "tests/support/temp_dir.h"
 
 namespace tarv {
@@ -158,6 +162,37 @@ TEST(SnapshotLoading, MissingFileIsAReadError) {
     EXPECT_EQ(e.kind(), KernelError::Kind::io);
     EXPECT_NE(e.message().find("absent.jsonl"), std::string::npos) << e.message();
   }
+}
+
+TEST(SnapshotFile, ReadsInPartsAndFallsBackForOtherFiles) {
+  TempDir dir;
+  // Large enough for several parts; every byte distinct from its neighbours
+  // so a misplaced part shows.
+  std::string big(std::size_t{33} << 20, '\0');
+  for (std::size_t i = 0; i < big.size(); ++i) big[i] = static_cast<char>((i * 131) >> 3);
+  auto bigPath = dir.write("big", big);
+  for (int threads : {1, 2, 3}) {
+    auto file = snapshot::SnapshotFile::read(bigPath, threads);
+    ASSERT_EQ(file.size(), big.size());
+    EXPECT_TRUE(file.bytes() == big) << threads << " threads";
+  }
+  EXPECT_EQ(snapshot::SnapshotFile::read(dir.write("empty", ""), 2).size(), 0u);
+
+  try {
+    snapshot::SnapshotFile::read(dir.path(), 2);
+    FAIL() << "read a folder";
+  } catch (const KernelError& e) {
+    EXPECT_EQ(e.message(), "Cannot read " + dir.path().string() + ": Is a directory");
+  }
+
+  // A pipe has no size up front: it is read in one pass.
+  auto pipe = dir / "pipe";
+  ASSERT_EQ(::mkfifo(pipe.c_str(), 0600), 0);
+  std::string text = lines({Record("/a"), Record("/b")});
+  std::thread writer([&] { std::ofstream(pipe) << text; });
+  auto catalog = SnapshotReader::load(pipe, "src", "/");
+  writer.join();
+  EXPECT_EQ(catalog.count(), 2);
 }
 
 TEST(SnapshotLoading, LineSeparators) {
