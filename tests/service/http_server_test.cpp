@@ -301,6 +301,21 @@ TEST_F(HttpServerTest, KeepAliveServesManyRequestsOnOneConnection) {
   EXPECT_TRUE(socket.closedByPeer()) << "connection: close ends the connection";
 }
 
+TEST_F(HttpServerTest, HalfClosedClientStillGetsItsAnswers) {
+  Socket socket(server_->port());
+  socket.send(request("GET", "/v1/status", kAuth) + request("GET", "/v1/status", ""));
+  ::shutdown(socket.fd(), SHUT_WR);
+  EXPECT_EQ(socket.read().status, 200);
+  EXPECT_EQ(socket.read().status, 401);
+  EXPECT_TRUE(socket.closedByPeer());
+  // Half a head and then the end of input: dropped without an answer.
+  Socket partial(server_->port());
+  partial.send("GET /v1/sta");
+  ::shutdown(partial.fd(), SHUT_WR);
+  EXPECT_TRUE(partial.closedByPeer());
+  EXPECT_EQ(partial.read(100ms).status, 0);
+}
+
 TEST_F(HttpServerTest, MalformedAndOversizedRequestsGet400AndClose) {
   struct Case {
     const char* label;
@@ -340,7 +355,7 @@ TEST_F(HttpServerTest, StalledClientsAreDroppedAndNeverDelayOthers) {
   }
   const auto before = std::chrono::steady_clock::now();
   EXPECT_EQ(get("/v1/status").status, 200);
-  EXPECT_LT(std::chrono::steady_clock::now() - before, 300ms);
+  EXPECT_LT(std::chrono::steady_clock::now() - before, 1s) << "a stalled client never delays another";
 
   for (auto& socket : stalled) {
     EXPECT_TRUE(socket->closedByPeer(3s));
