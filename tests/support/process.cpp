@@ -16,14 +16,17 @@ extern char** environ;
 
 namespace tarv::testing {
 
+// The environment wins so a test binary can be pointed elsewhere; the
+// folders the build was configured with are the fallback, so tests find the
+// executables and the table whatever directory they run from.
 std::string binaryDir() {
   const char* dir = std::getenv("TARV_BINARY_DIR");
-  return dir ? dir : ".";
+  return dir && *dir ? dir : TARV_TEST_BINARY_DIR;
 }
 
 std::string sourceDir() {
   const char* dir = std::getenv("TARV_SOURCE_DIR");
-  return dir ? dir : "..";
+  return dir && *dir ? dir : TARV_TEST_SOURCE_DIR;
 }
 
 std::string tarvBinary() { return binaryDir() + "/tarv"; }
