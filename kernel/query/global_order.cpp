@@ -283,6 +283,11 @@ int GlobalOrder::compare(std::int32_t a, std::int32_t b, SortKey key) const noex
   }
   const TextView na = ca.nameUnits(ra);
   const TextView nb = cb.nameUnits(rb);
+  // The same name (common across sources of one tree): all three levels tie.
+  if (na == nb) {
+    if (pa != pb) return pa < pb ? -1 : 1;
+    return a < b ? -1 : 1;
+  }
   if (int r = name_collation::level1(compatibility_->orderTable(), na, nb)) return r;
   if (pa != pb) return pa < pb ? -1 : 1;
   if (int r = name_collation::level2(compatibility_->letterCaseTable(), na, nb)) return r;
@@ -291,87 +296,136 @@ int GlobalOrder::compare(std::int32_t a, std::int32_t b, SortKey key) const noex
   return a < b ? -1 : 1;
 }
 
+namespace {
+
+// A row of the name merge with the start of its sort key: the folder bit and
+// the level-1 weights of the name's first six units, as two words. Units
+// are coded as weight + 1, and the end of a name (or its first NUL, where the
+// level-1 walk stops) as 0 for every unit after it. Two keys that differ
+// order the rows as folders-first and level 1 do; equal keys need the full
+// comparison. Merging these keeps most comparisons to two integer compares
+// and off the names themselves.
+struct MergeItem {
+  std::uint64_t high = 0;
+  std::uint64_t low = 0;
+  std::int32_t id = 0;
+};
+
+MergeItem mergeItem(const Compatibility::Table& order, const Catalog& catalog, std::int32_t row, std::int32_t id) {
+  const TextView name = catalog.nameUnits(row);
+  std::uint64_t words[2] = {catalog.isDirectory(row) ? 0u : 1u, 0};
+  bool ended = false;
+  for (std::size_t i = 0; i < 6; ++i) {
+    std::uint64_t code = 0;
+    if (!ended && i < name.size() && name[i] != 0) code = name_collation::weight1(order, name[i]) + 1;
+    else ended = true;
+    words[i / 3] = words[i / 3] << 18 | code;
+  }
+  return {words[0], words[1], id};
+}
+
+}  // namespace
+
 Column<std::int32_t> GlobalOrder::nameOrder() const {
   if (indexes_.size() == 1) return indexes_.front()->order(SortKey::name);
-  std::vector<std::int32_t> ids(static_cast<std::size_t>(total()));
+  const auto& weights = compatibility_->orderTable();
+  std::vector<MergeItem> items(static_cast<std::size_t>(total()));
   std::vector<std::pair<std::int64_t, std::int64_t>> runs;
   for (std::size_t s = 0; s < indexes_.size(); ++s) {
     const Column<std::int32_t> own = indexes_[s]->order(SortKey::name);
+    const Catalog& catalog = indexes_[s]->catalog();
     const std::int64_t start = starts_[s];
     const auto n = static_cast<std::int64_t>(own.size());
-    Parallel::chunks(n, 1, 1 << 16, [&](std::int64_t begin, std::int64_t end) {
-      for (auto i = begin; i < end; ++i)
-        ids[static_cast<std::size_t>(start + i)] = static_cast<std::int32_t>(start + own[static_cast<std::size_t>(i)]);
+    Parallel::chunks(n, 1, 1 << 15, [&](std::int64_t begin, std::int64_t end) {
+      for (auto i = begin; i < end; ++i) {
+        const std::int32_t row = own[static_cast<std::size_t>(i)];
+        items[static_cast<std::size_t>(start + i)] =
+            mergeItem(weights, catalog, row, static_cast<std::int32_t>(start + row));
+      }
     });
     if (n > 0) runs.emplace_back(start, start + n);
   }
-  mergeRuns(ids, std::move(runs), [&](std::int32_t x, std::int32_t y) { return compare(x, y, SortKey::name) < 0; });
+  mergeRuns(items, std::move(runs), [&](const MergeItem& x, const MergeItem& y) {
+    if (x.high != y.high) return x.high < y.high;
+    if (x.low != y.low) return x.low < y.low;
+    return compare(x.id, y.id, SortKey::name) < 0;
+  });
+  std::vector<std::int32_t> ids(items.size());
+  Parallel::chunks(static_cast<std::int64_t>(ids.size()), 1, 1 << 16, [&](std::int64_t begin, std::int64_t end) {
+    for (auto i = begin; i < end; ++i) ids[static_cast<std::size_t>(i)] = items[static_cast<std::size_t>(i)].id;
+  });
   return Column<std::int32_t>::owned(std::move(ids));
 }
 
 std::vector<std::int32_t> GlobalOrder::sortedByKey(std::span<const std::int32_t> nameOrder, SortKey key) const {
   // The name order is the tie-break order within folders and within files,
   // so a stable sort of it by (folders first, key value) is the key's order.
-  auto located = [&](std::int32_t id) {
-    const std::size_t s = sourceOf(id);
-    return std::pair(s, static_cast<std::int32_t>(id - starts_[s]));
+  // The sort keys are gathered per global id first, source by source in row
+  // order, so the radix passes read them with one lookup.
+  const auto n = static_cast<std::size_t>(total());
+  std::vector<std::uint64_t> keys(n);
+  auto gather = [&](auto keyOf) {
+    for (std::size_t s = 0; s < indexes_.size(); ++s) {
+      const Catalog& catalog = indexes_[s]->catalog();
+      const auto start = static_cast<std::size_t>(starts_[s]);
+      Parallel::chunks(catalog.count(), 1, 1 << 16, [&](std::int64_t begin, std::int64_t end) {
+        for (auto r = begin; r < end; ++r)
+          keys[start + static_cast<std::size_t>(r)] = keyOf(s, catalog, static_cast<std::int32_t>(r));
+      });
+    }
   };
-  auto fileBit = [&](std::int32_t id) -> std::uint64_t {
-    const auto [s, row] = located(id);
-    return indexes_[s]->catalog().isDirectory(row) ? 0 : 1;
+  auto byKey = [&](std::int32_t id) { return keys[static_cast<std::size_t>(id)]; };
+  auto fileBit = [](const Catalog& catalog, std::int32_t row) -> std::uint64_t {
+    return catalog.isDirectory(row) ? 0 : 1;
   };
-  if (key == SortKey::path) {
-    const int bits = bitWidth(static_cast<std::uint64_t>(std::max(parentRankCount_ - 1, 0)));
-    return radixOrder(nameOrder, bits + 1, [&](std::int32_t id) {
-      const auto [s, row] = located(id);
-      const Catalog& c = indexes_[s]->catalog();
-      return std::uint64_t(c.isDirectory(row) ? 0 : 1) << bits |
-             static_cast<std::uint64_t>(parentRanks_[s][c.parentIndex(row)]);
+
+  if (key == SortKey::path || key == SortKey::device) {
+    const std::int32_t top = key == SortKey::path ? std::max(parentRankCount_ - 1, 0) : labelRankCount_;
+    const int bits = bitWidth(static_cast<std::uint64_t>(top));
+    gather([&](std::size_t s, const Catalog& c, std::int32_t row) {
+      const std::int32_t rank = key == SortKey::path ? parentRanks_[s][c.parentIndex(row)]
+                                                     : RowOrder::rowLabelRank(c, labelRanks_[s], row);
+      return fileBit(c, row) << bits | static_cast<std::uint64_t>(rank);
     });
+    return radixOrder(nameOrder, bits + 1, byKey);
   }
-  if (key == SortKey::device) {
-    const int bits = bitWidth(static_cast<std::uint64_t>(labelRankCount_));
-    return radixOrder(nameOrder, bits + 1, [&](std::int32_t id) {
-      const auto [s, row] = located(id);
-      const Catalog& c = indexes_[s]->catalog();
-      return std::uint64_t(c.isDirectory(row) ? 0 : 1) << bits |
-             static_cast<std::uint64_t>(RowOrder::rowLabelRank(c, labelRanks_[s], row));
-    });
+  if (key != SortKey::size && key != SortKey::modified && key != SortKey::created && key != SortKey::allocated) {
+    gather([&](std::size_t, const Catalog& c, std::int32_t row) { return fileBit(c, row); });
+    return radixOrder(nameOrder, 1, byKey);
   }
-  if (key != SortKey::size && key != SortKey::modified && key != SortKey::created && key != SortKey::allocated)
-    return radixOrder(nameOrder, 1, fileBit);
 
   // The range of known values decides how many bits the passes must cover.
+  gather([&](std::size_t, const Catalog& c, std::int32_t row) { return rawValue(c, row, key); });
   std::uint64_t low = kUnknown64, high = 0;
   bool known = false;
-  for (std::size_t s = 0; s < indexes_.size(); ++s) {
-    const Catalog& c = indexes_[s]->catalog();
-    for (std::int32_t row = 0; row < c.count(); ++row) {
-      const std::uint64_t v = rawValue(c, row, key);
-      if (v == kUnknown64) continue;
-      known = true;
-      low = std::min(low, v);
-      high = std::max(high, v);
-    }
+  for (const std::uint64_t v : keys) {
+    if (v == kUnknown64) continue;
+    known = true;
+    low = std::min(low, v);
+    high = std::max(high, v);
   }
-  if (!known) return radixOrder(nameOrder, 1, fileBit);
-  const int bits = bitWidth(high - low);
-  auto value = [&](std::int32_t id) {
-    const auto [s, row] = located(id);
-    return rawValue(indexes_[s]->catalog(), row, key);
-  };
-  if (bits <= 62) {
-    // (file, known) in the two top bits, the offset from the lowest known value below.
-    return radixOrder(nameOrder, bits + 2, [&](std::int32_t id) {
-      const std::uint64_t v = value(id);
-      const bool isKnown = v != kUnknown64;
-      return (fileBit(id) << 1 | (isKnown ? 1u : 0u)) << bits | (isKnown ? v - low : 0);
+  const int bits = known ? bitWidth(high - low) : 0;
+  if (bits > 62) {
+    // Values spread over nearly all 64 bits: by value (unknown wrapping to
+    // 0), then stably by folder.
+    auto byValue = radixOrder(nameOrder, 64, [&](std::int32_t id) { return keys[static_cast<std::size_t>(id)] + 1; });
+    gather([&](std::size_t, const Catalog& c, std::int32_t row) { return fileBit(c, row); });
+    return radixOrder(byValue, 1, byKey);
+  }
+  // (file, known) in the two top bits, the offset from the lowest known value below.
+  for (std::size_t s = 0; s < indexes_.size(); ++s) {
+    const Catalog& catalog = indexes_[s]->catalog();
+    const auto start = static_cast<std::size_t>(starts_[s]);
+    Parallel::chunks(catalog.count(), 1, 1 << 16, [&](std::int64_t begin, std::int64_t end) {
+      for (auto r = begin; r < end; ++r) {
+        std::uint64_t& k = keys[start + static_cast<std::size_t>(r)];
+        const bool isKnown = k != kUnknown64;
+        k = (fileBit(catalog, static_cast<std::int32_t>(r)) << 1 | (isKnown ? 1u : 0u)) << bits |
+            (isKnown ? k - low : 0);
+      }
     });
   }
-  // Values spread over nearly all 64 bits: by value (unknown wrapping to 0),
-  // then stably by folder.
-  auto byValue = radixOrder(nameOrder, 64, [&](std::int32_t id) { return value(id) + 1; });
-  return radixOrder(byValue, 1, fileBit);
+  return radixOrder(nameOrder, bits + 2, byKey);
 }
 
 Column<std::int32_t> GlobalOrder::orderFrom(const Column<std::int32_t>& nameOrder, SortKey key) const {
