@@ -1,17 +1,20 @@
 // index_bench: builds the search index of one source, writes the catalog and
 // index to an index file, and maps them back, reporting the time of each step.
 //
-//   index_bench FORMAT FILE [--table vantor-v1.json] [--out FILE] [--repeat N] [--phases]
+//   index_bench FORMAT FILE [--table vantor-v1.json] [--out FILE] [--repeat N] [--phases] [--verify]
 //
 // FORMAT is efu, gfind, gfind7 or snapshot-v1 (root "/", EFU virtual
 // directory C:\debian, as bench/datasets writes them). Without --table the
 // shipped table is found the usual way. --phases also times the index's
 // parts one by one (parent ranks, tie-break sort, each stored order, the
-// reverse name order). Times are wall seconds with the process's CPU seconds
+// reverse name order). --verify checks that every adjacent pair of every
+// order (stored, volume-label and reversed-name) is in order, and that the
+// mapped index gives the same orders. Times are wall seconds with the process's CPU seconds
 // beside them, since other processes on a busy machine inflate wall time.
 
 #include <sys/resource.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -66,7 +69,7 @@ auto timed(const char* label, Step&& step) {
 }
 
 int usage() {
-  std::fprintf(stderr, "usage: index_bench FORMAT FILE [--table T] [--out FILE] [--repeat N] [--phases]\n");
+  std::fprintf(stderr, "usage: index_bench FORMAT FILE [--table T] [--out FILE] [--repeat N] [--phases] [--verify]\n");
   return 2;
 }
 
@@ -86,9 +89,11 @@ int main(int argc, char** argv) {
   std::filesystem::path out = std::filesystem::temp_directory_path() / "index_bench.tarvidx";
   int repeat = 1;
   bool phases = false;
+  bool verify = false;
   for (int i = 3; i < argc; ++i) {
     const std::string option = argv[i];
     if (option == "--phases") phases = true;
+    else if (option == "--verify") verify = true;
     else if (i + 1 < argc && option == "--table") table = argv[++i];
     else if (i + 1 < argc && option == "--out") out = argv[++i];
     else if (i + 1 < argc && option == "--repeat") repeat = std::max(1, std::atoi(argv[++i]));
@@ -132,6 +137,30 @@ int main(int argc, char** argv) {
         tarv::SearchIndex opened(reader, mapped, compatibility);
         return opened.catalog().count();
       });
+    }
+    if (verify) {
+      long long bad = 0;
+      timed("verify", [&] {
+        for (tarv::SortKey key : tarv::kSortKeys) {
+          const auto order = index->order(key);
+          const tarv::SortSpec spec{key, false};
+          for (std::size_t k = 1; k < order.size(); ++k) bad += index->compare(order[k - 1], order[k], spec) >= 0;
+        }
+        const auto& reverse = index->names()->reverseOrder();
+        for (std::size_t k = 1; k < reverse.size(); ++k) {
+          const int r = tarv::NameCandidates::compareReversed(*compatibility, catalog->nameUnits(reverse[k - 1]),
+                                                              catalog->nameUnits(reverse[k]));
+          bad += r > 0 || (r == 0 && reverse[k - 1] > reverse[k]);
+        }
+        tarv::IndexFile::Reader reader(out);
+        auto mapped = std::make_shared<const tarv::Catalog>(tarv::readCatalog(reader, "", "bench"));
+        tarv::SearchIndex opened(reader, mapped, compatibility);
+        for (tarv::SortKey key : tarv::kSortKeys) {
+          const auto a = index->order(key), b = opened.order(key);
+          bad += !std::equal(a.begin(), a.end(), b.begin(), b.end());
+        }
+      });
+      std::printf("verify_failures=%lld\n", bad);
     }
     std::printf("peak_rss_mib=%.1f\n", peakResidentMiB());
     std::filesystem::remove(out);

@@ -4,7 +4,7 @@
 
 #include "kernel/query/name_collation.h"
 #include "kernel/query/parallel.h"
-#include "kernel/query/parallel_sort.h"
+#include "kernel/query/prefix_sort.h"
 
 namespace tarv {
 
@@ -95,29 +95,40 @@ int NameCandidates::compareReversed(const Compatibility& compatibility, TextView
 }
 
 std::vector<std::int32_t> NameCandidates::buildReverseOrder(const Catalog& catalog, const Compatibility& compatibility) {
-  struct Item {
-    std::uint64_t key;  // the last four folded units, last first; 0 past the start
-    std::int32_t row;
-  };
+  // Slices of six units read backwards, 17 bits each: the folded unit + 1, or
+  // 0 past the start of the name, so a name that ends first sorts first and a
+  // slice ending in 0 means the name ended within it.
   const std::int32_t n = catalog.count();
-  std::vector<Item> items(static_cast<std::size_t>(n));
-  Parallel::chunks(n, 1, 1 << 15, [&](std::int64_t begin, std::int64_t end) {
-    for (auto i = begin; i < end; ++i) {
-      const auto row = static_cast<std::int32_t>(i);
+  const char16_t* names = catalog.parts().names.data();
+  const std::int32_t* starts = catalog.parts().nameStarts.data();
+  std::vector<PrefixItem> items(static_cast<std::size_t>(n));
+  for (std::int32_t row = 0; row < n; ++row) items[static_cast<std::size_t>(row)].row = row;
+  struct Access {
+    const Catalog& catalog;
+    const Compatibility& compatibility;
+    const char16_t* names;
+    const std::int32_t* starts;
+
+    PrefixSlice sliceAt(std::int32_t row, int depth) const {
       const TextView name = catalog.nameUnits(row);
-      std::uint64_t key = 0;
-      for (std::size_t j = 0; j < 4; ++j)
-        key = key << 16 | (j < name.size() ? compatibility.fold(name[name.size() - 1 - j]) : 0);
-      items[static_cast<std::size_t>(i)] = {key, row};
+      std::uint64_t k[2] = {0, 0};
+      for (std::size_t j = 0; j < 6; ++j) {
+        const std::size_t back = static_cast<std::size_t>(depth) * 6 + j;
+        const std::uint64_t slot =
+            back < name.size() ? std::uint64_t(compatibility.fold(name[name.size() - 1 - back])) + 1 : 0;
+        k[j / 3] = (k[j / 3] << 17) | slot;
+      }
+      return PrefixSlice{k[0], k[1]};
     }
-  });
-  // Keys that differ decide as the full comparison would: a position past
-  // the start reads as 0, which is never above a real unit.
-  parallelSort(items, [&](const Item& x, const Item& y) {
-    if (x.key != y.key) return x.key < y.key;
-    const int r = compareReversed(compatibility, catalog.nameUnits(x.row), catalog.nameUnits(y.row));
-    return r != 0 ? r < 0 : x.row < y.row;
-  });
+    void locate(std::int32_t row) const { __builtin_prefetch(starts + row + 1); }
+    void prefetch(std::int32_t row, int depth) const {
+      const std::ptrdiff_t at = starts[row + 1] - 2 - depth * 6;
+      if (at >= 0) __builtin_prefetch(names + at);
+    }
+    bool ended(const PrefixSlice& s) const { return (s.low & 0x1FFFF) == 0; }
+    bool finalLess(const PrefixItem& x, const PrefixItem& y) const { return x.row < y.row; }
+  } access{catalog, compatibility, names, starts};
+  prefixSort(items, access);
   std::vector<std::int32_t> rows(static_cast<std::size_t>(n));
   for (std::size_t i = 0; i < rows.size(); ++i) rows[i] = items[i].row;
   return rows;

@@ -72,22 +72,26 @@ class PrefixCodes {
  public:
   explicit PrefixCodes(const Compatibility& compatibility);
 
-  // Codes of the first four units (a name's end and any unit after its first
-  // NUL read as the code of unit 0), most significant first. Two names whose
-  // keys differ compare at level 1 like their keys; equal keys need the walk,
-  // which can start at unit 4 when both names are that long and the key holds
-  // no NUL.
-  std::uint64_t key(TextView name) const noexcept {
-    std::uint64_t k = 0;
+  // Codes of units from ..< from + 8 as two words, most significant first.
+  // A name's end and every unit after its first NUL read as the code of unit
+  // 0 (which no other unit shares), so two slices that differ compare at
+  // level 1 like the names, and a slice ending in that code means the name
+  // ended within it: equal such slices mean names equal at level 1.
+  // Callers pass `from` only for names that did not end before it.
+  void slice(TextView name, std::size_t from, std::uint64_t& high, std::uint64_t& low) const noexcept {
+    std::uint64_t k[2] = {0, 0};
     bool ended = false;
-    for (std::size_t i = 0; i < 4; ++i) {
+    for (std::size_t i = 0; i < 8; ++i) {
       Unit u = 0;
-      if (!ended && i < name.size()) u = name[i];
+      if (!ended && from + i < name.size()) u = name[from + i];
       if (u == 0) ended = true;
-      k = (k << 16) | codes_[u];
+      k[i >> 2] = (k[i >> 2] << 16) | codes_[u];
     }
-    return k;
+    high = k[0];
+    low = k[1];
   }
+  std::uint16_t endCode() const noexcept { return codes_[0]; }
+  std::uint16_t code(Unit u) const noexcept { return codes_[u]; }
 
  private:
   std::array<std::uint16_t, 65536> codes_;

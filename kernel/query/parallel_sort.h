@@ -35,7 +35,7 @@ std::size_t coRank(std::size_t t, std::span<const T> a, std::span<const T> b, Le
 }  // namespace parallel_sort_detail
 
 template <class T, class Less>
-void parallelSort(std::vector<T>& items, Less less, std::int64_t minimum = std::int64_t(1) << 14) {
+void parallelSort(std::span<T> items, Less less, std::int64_t minimum = std::int64_t(1) << 14) {
   const auto n = static_cast<std::int64_t>(items.size());
   const Parallel::Plan plan = Parallel::plan(n, 1, minimum);
   if (plan.serial) {
@@ -49,8 +49,8 @@ void parallelSort(std::vector<T>& items, Less less, std::int64_t minimum = std::
   for (std::int64_t i = 0; i < plan.chunks; ++i) runs.emplace_back(i * plan.length, std::min((i + 1) * plan.length, n));
 
   std::vector<T> buffer(items.size());
-  std::vector<T>* from = &items;
-  std::vector<T>* to = &buffer;
+  std::span<T> from = items;
+  std::span<T> to(buffer);
   const std::int64_t wantedPieces = 4 * Parallel::workers();
   while (runs.size() > 1) {
     struct Piece {
@@ -63,8 +63,8 @@ void parallelSort(std::vector<T>& items, Less less, std::int64_t minimum = std::
     for (std::size_t r = 0; r + 1 < runs.size(); r += 2) {
       const auto [aBegin, aEnd] = runs[r];
       const auto [bBegin, bEnd] = runs[r + 1];
-      std::span<const T> a(from->data() + aBegin, static_cast<std::size_t>(aEnd - aBegin));
-      std::span<const T> b(from->data() + bBegin, static_cast<std::size_t>(bEnd - bBegin));
+      std::span<const T> a(from.data() + aBegin, static_cast<std::size_t>(aEnd - aBegin));
+      std::span<const T> b(from.data() + bBegin, static_cast<std::size_t>(bEnd - bBegin));
       const std::int64_t total = (aEnd - aBegin) + (bEnd - bBegin);
       std::size_t previousA = 0, previousT = 0;
       for (std::int64_t s = 1; s <= split; ++s) {
@@ -86,14 +86,19 @@ void parallelSort(std::vector<T>& items, Less less, std::int64_t minimum = std::
     Parallel::chunks(static_cast<std::int64_t>(pieces.size()), 1, 1, [&](std::int64_t first, std::int64_t last) {
       for (std::int64_t p = first; p < last; ++p) {
         const Piece& piece = pieces[static_cast<std::size_t>(p)];
-        std::merge(from->begin() + piece.a, from->begin() + piece.aEnd, from->begin() + piece.b,
-                   from->begin() + piece.bEnd, to->begin() + piece.out, less);
+        std::merge(from.begin() + piece.a, from.begin() + piece.aEnd, from.begin() + piece.b,
+                   from.begin() + piece.bEnd, to.begin() + piece.out, less);
       }
     });
     runs = std::move(merged);
     std::swap(from, to);
   }
-  if (from != &items) items.swap(buffer);
+  if (from.data() != items.data()) std::copy(from.begin(), from.end(), items.begin());
+}
+
+template <class T, class Less>
+void parallelSort(std::vector<T>& items, Less less, std::int64_t minimum = std::int64_t(1) << 14) {
+  parallelSort(std::span<T>(items), less, minimum);
 }
 
 }  // namespace tarv

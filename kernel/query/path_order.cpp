@@ -4,7 +4,7 @@
 
 #include "kernel/query/name_collation.h"
 #include "kernel/query/parallel.h"
-#include "kernel/query/parallel_sort.h"
+#include "kernel/query/prefix_sort.h"
 
 namespace tarv {
 namespace {
@@ -85,15 +85,65 @@ std::vector<std::int32_t> PathOrder::ranks(const Catalog& catalog, const Compati
   std::vector<std::int32_t> ranks(static_cast<std::size_t>(std::max(count, 0)));
   if (count <= 0) return ranks;
   const PathFlavor flavor = catalog.pathFlavor();
-  std::vector<std::int32_t> parents(static_cast<std::size_t>(count));
-  for (std::int32_t i = 0; i < count; ++i) parents[static_cast<std::size_t>(i)] = i;
-  parallelSort(parents, [&](std::int32_t x, std::int32_t y) {
-    return compare(compatibility, flavor, catalog.parentUnits(static_cast<std::uint32_t>(x)),
-                   catalog.parentUnits(static_cast<std::uint32_t>(y))) < 0;
-  });
+  // Level-1 symbols in 17 bits: 0 the end, 1 a separator, 2 + the unit's
+  // level-1 code otherwise; six per slice. A NUL stops level 1 like the end.
+  const name_collation::PrefixCodes codes(compatibility);
+  const std::uint64_t nulSymbol = 2u + codes.code(0);
+  const char16_t* chars = catalog.parts().parentChars.data();
+  const std::int32_t* starts = catalog.parts().parentStarts.data();
+  std::vector<PrefixItem> items(static_cast<std::size_t>(count));
+  for (std::int32_t p = 0; p < count; ++p) items[static_cast<std::size_t>(p)].row = p;
+  struct Access {
+    const Catalog& catalog;
+    const Compatibility& compatibility;
+    const name_collation::PrefixCodes& codes;
+    PathFlavor flavor;
+    const char16_t* chars;
+    const std::int32_t* starts;
+    std::uint64_t nulSymbol;
+
+    PrefixSlice sliceAt(std::int32_t p, int depth) const {
+      const TextView text = trimmed(flavor, catalog.parentUnits(static_cast<std::uint32_t>(p)));
+      std::uint64_t k[2] = {0, 0};
+      std::uint64_t fill = 0;
+      bool stopped = false;
+      for (std::size_t j = 0; j < 6; ++j) {
+        const std::size_t at = static_cast<std::size_t>(depth) * 6 + j;
+        std::uint64_t symbol = fill;
+        if (!stopped) {
+          if (at >= text.size()) {
+            stopped = true;
+            symbol = fill = 0;
+          } else if (path_flavor::isSeparator(flavor, text[at])) {
+            symbol = 1;
+          } else {
+            symbol = 2u + codes.code(text[at]);
+            if (text[at] == 0) {
+              stopped = true;
+              fill = symbol;
+            }
+          }
+        }
+        k[j / 3] = (k[j / 3] << 17) | symbol;
+      }
+      return PrefixSlice{k[0], k[1]};
+    }
+    void locate(std::int32_t p) const { __builtin_prefetch(starts + p); }
+    void prefetch(std::int32_t p, int depth) const { __builtin_prefetch(chars + starts[p] + depth * 6); }
+    bool ended(const PrefixSlice& s) const {
+      const std::uint64_t last = s.low & 0x1FFFF;
+      return last == 0 || last == nulSymbol;
+    }
+    // Equal at level 1: levels 2 and 3, then the raw units.
+    bool finalLess(const PrefixItem& x, const PrefixItem& y) const {
+      return compare(compatibility, flavor, catalog.parentUnits(static_cast<std::uint32_t>(x.row)),
+                     catalog.parentUnits(static_cast<std::uint32_t>(y.row))) < 0;
+    }
+  } access{catalog, compatibility, codes, flavor, chars, starts, nulSymbol};
+  prefixSort(items, access);
   Parallel::chunks(count, 1, 1 << 14, [&](std::int64_t begin, std::int64_t end) {
-    for (auto k = begin; k < end; ++k) ranks[static_cast<std::size_t>(parents[static_cast<std::size_t>(k)])] =
-        static_cast<std::int32_t>(k);
+    for (auto k = begin; k < end; ++k)
+      ranks[static_cast<std::size_t>(items[static_cast<std::size_t>(k)].row)] = static_cast<std::int32_t>(k);
   });
   return ranks;
 }

@@ -6,7 +6,7 @@
 
 #include "kernel/query/name_collation.h"
 #include "kernel/query/parallel.h"
-#include "kernel/query/parallel_sort.h"
+#include "kernel/query/prefix_sort.h"
 #include "kernel/query/radix_order.h"
 
 namespace tarv {
@@ -109,39 +109,46 @@ std::int32_t RowOrder::rowLabelRank(const Catalog& catalog, std::span<const std:
 
 std::vector<std::int32_t> RowOrder::tieBreakOrder(const Catalog& catalog, const Compatibility& compatibility,
                                                   std::span<const std::int32_t> parentRanks) {
-  struct Item {
-    std::uint64_t key;
-    std::int32_t row;
-    std::int32_t rank;
-  };
   const std::int32_t n = catalog.count();
   const name_collation::PrefixCodes codes(compatibility);
-  std::vector<Item> items(static_cast<std::size_t>(n));
+  const std::uint16_t endCode = codes.endCode();
+  const char16_t* names = catalog.parts().names.data();
+  const std::int32_t* starts = catalog.parts().nameStarts.data();
+  std::vector<PrefixItem> items(static_cast<std::size_t>(n));
   Parallel::chunks(n, 1, 1 << 15, [&](std::int64_t begin, std::int64_t end) {
     for (auto i = begin; i < end; ++i) {
       const auto row = static_cast<std::int32_t>(i);
-      items[static_cast<std::size_t>(i)] = {codes.key(catalog.nameUnits(row)), row,
-                                            parentRanks[catalog.parentIndex(row)]};
+      items[static_cast<std::size_t>(i)].row = row;
+      items[static_cast<std::size_t>(i)].aux = parentRanks[catalog.parentIndex(row)];
     }
   });
-  const auto& order = compatibility.orderTable();
-  const auto& letterCase = compatibility.letterCaseTable();
-  parallelSort(items, [&](const Item& x, const Item& y) {
-    if (x.key != y.key) return x.key < y.key;
-    const TextView a = catalog.nameUnits(x.row);
-    const TextView b = catalog.nameUnits(y.row);
-    // Equal keys: the first four units tie at level 1 unless a name ended or
-    // held a NUL among them, in which case level 1 is decided as equal.
-    int r = 0;
-    if (a.size() >= 4 && a[0] != 0 && a[1] != 0 && a[2] != 0 && a[3] != 0)
-      r = name_collation::level1(order, a.substr(4), b.substr(4));
-    if (r != 0) return r < 0;
-    if (x.rank != y.rank) return x.rank < y.rank;
-    r = name_collation::level2(letterCase, a, b);
-    if (r == 0) r = name_collation::level3(a, b);
-    if (r != 0) return r < 0;
-    return x.row < y.row;
-  });
+  struct Access {
+    const Catalog& catalog;
+    const name_collation::PrefixCodes& codes;
+    const Compatibility::Table& letterCase;
+    const char16_t* names;
+    const std::int32_t* starts;
+    std::uint16_t endCode;
+
+    PrefixSlice sliceAt(std::int32_t row, int depth) const {
+      PrefixSlice s;
+      codes.slice(catalog.nameUnits(row), static_cast<std::size_t>(depth) * 8, s.high, s.low);
+      return s;
+    }
+    void locate(std::int32_t row) const { __builtin_prefetch(starts + row); }
+    void prefetch(std::int32_t row, int depth) const { __builtin_prefetch(names + starts[row] + depth * 8); }
+    bool ended(const PrefixSlice& s) const { return (s.low & 0xFFFF) == endCode; }
+    // Names equal at level 1: parent rank, then levels 2 and 3, then row.
+    bool finalLess(const PrefixItem& x, const PrefixItem& y) const {
+      if (x.aux != y.aux) return x.aux < y.aux;
+      const TextView a = catalog.nameUnits(x.row);
+      const TextView b = catalog.nameUnits(y.row);
+      int r = name_collation::level2(letterCase, a, b);
+      if (r == 0) r = name_collation::level3(a, b);
+      return r != 0 ? r < 0 : x.row < y.row;
+    }
+  } access{catalog, codes, compatibility.letterCaseTable(), names, starts, endCode};
+  prefixSort(items, access);
   std::vector<std::int32_t> rows(static_cast<std::size_t>(n));
   Parallel::chunks(n, 1, 1 << 15, [&](std::int64_t begin, std::int64_t end) {
     for (auto i = begin; i < end; ++i) rows[static_cast<std::size_t>(i)] = items[static_cast<std::size_t>(i)].row;

@@ -10,6 +10,7 @@
 #include "kernel/query/parallel.h"
 #include "kernel/query/parallel_sort.h"
 #include "kernel/query/path_order.h"
+#include "kernel/query/prefix_sort.h"
 
 namespace tarv {
 namespace {
@@ -245,21 +246,39 @@ SearchIndex::SearchIndex(CatalogPtr catalog, std::shared_ptr<const Compatibility
       if (isDriveRoot(c.parentUnits(static_cast<std::uint32_t>(p)))) driveParents.push_back(p);
   driveParents_ = Column<std::int64_t>::owned(std::move(driveParents));
 
-  std::vector<std::int32_t> prefixOrder(static_cast<std::size_t>(parents));
-  for (std::int32_t p = 0; p < parents; ++p) prefixOrder[static_cast<std::size_t>(p)] = p;
-  parallelSort(prefixOrder, [&](std::int32_t x, std::int32_t y) {
-    const TextView a = c.parentUnits(static_cast<std::uint32_t>(x));
-    const TextView b = c.parentUnits(static_cast<std::uint32_t>(y));
-    const std::size_t shared = std::min(a.size(), b.size());
-    for (std::size_t i = 0; i < shared; ++i) {
-      if (a[i] == b[i]) continue;
-      const Unit fa = t.fold(a[i]), fb = t.fold(b[i]);
-      if (fa != fb) return fa < fb;
+  // Parent prefix order: folded units in 17-bit slots (unit + 1, 0 past the
+  // end), six per slice; texts that fold equal fall back to raw units.
+  std::vector<PrefixItem> parentItems(static_cast<std::size_t>(parents));
+  for (std::int32_t p = 0; p < parents; ++p) parentItems[static_cast<std::size_t>(p)].row = p;
+  const char16_t* parentChars = c.parts().parentChars.data();
+  const std::int32_t* parentStarts = c.parts().parentStarts.data();
+  struct PrefixAccess {
+    const Catalog& catalog;
+    const Compatibility& compatibility;
+    const char16_t* chars;
+    const std::int32_t* starts;
+
+    PrefixSlice sliceAt(std::int32_t p, int depth) const {
+      const TextView text = catalog.parentUnits(static_cast<std::uint32_t>(p));
+      std::uint64_t k[2] = {0, 0};
+      for (std::size_t j = 0; j < 6; ++j) {
+        const std::size_t at = static_cast<std::size_t>(depth) * 6 + j;
+        k[j / 3] = (k[j / 3] << 17) | (at < text.size() ? std::uint64_t(compatibility.fold(text[at])) + 1 : 0);
+      }
+      return PrefixSlice{k[0], k[1]};
     }
-    if (a.size() != b.size()) return a.size() < b.size();
-    const int raw = a.compare(b);
-    return raw != 0 ? raw < 0 : x < y;
-  });
+    void locate(std::int32_t p) const { __builtin_prefetch(starts + p); }
+    void prefetch(std::int32_t p, int depth) const { __builtin_prefetch(chars + starts[p] + depth * 6); }
+    bool ended(const PrefixSlice& s) const { return (s.low & 0x1FFFF) == 0; }
+    bool finalLess(const PrefixItem& x, const PrefixItem& y) const {
+      const int raw = catalog.parentUnits(static_cast<std::uint32_t>(x.row))
+                          .compare(catalog.parentUnits(static_cast<std::uint32_t>(y.row)));
+      return raw != 0 ? raw < 0 : x.row < y.row;
+    }
+  } prefixAccess{c, t, parentChars, parentStarts};
+  prefixSort(parentItems, prefixAccess);
+  std::vector<std::int32_t> prefixOrder(static_cast<std::size_t>(parents));
+  for (std::size_t k = 0; k < prefixOrder.size(); ++k) prefixOrder[k] = parentItems[k].row;
   parentPrefixOrder_ = Column<std::int32_t>::owned(std::move(prefixOrder));
 
   deriveExtensionTables();

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <numeric>
 #include <random>
+#include <set>
 #include <vector>
 
 #include "kernel/base/text.h"
@@ -83,6 +84,40 @@ TEST(PathOrder, RanksArePositionsInTheTotalOrder) {
                   0);
       }
     }
+  }
+}
+
+// Long parent texts that share most units, with NULs and both separators:
+// the ranks (built slice by slice) must match a plain sort by compare().
+TEST(PathOrder, RanksOfLongSimilarTextsMatchAPlainSort) {
+  const auto table = syntheticTable();
+  std::mt19937 random(12);
+  const std::vector<Unit> alphabet = {u'/', u'\\', u'a', u'A', u'-', 0, 0xE9, 0xC9};
+  for (PathFlavor flavor : {PathFlavor::posix, PathFlavor::windows}) {
+    std::vector<testing::SyntheticRecord> records;
+    std::set<Text> seen;
+    while (records.size() < 600) {
+      Text parent(random() % 14, u'a');
+      const int length = static_cast<int>(random() % 10);
+      for (int k = 0; k < length; ++k) parent.push_back(alphabet[random() % alphabet.size()]);
+      if (!seen.insert(parent).second) continue;
+      testing::SyntheticRecord r;
+      r.parent = parent;
+      r.name = u"n";
+      records.push_back(r);
+    }
+    testing::SyntheticOptions options;
+    options.flavor = flavor;
+    const auto catalog = testing::makeCatalog(records, options);
+    std::vector<std::int32_t> expected(static_cast<std::size_t>(catalog->parentCount()));
+    std::iota(expected.begin(), expected.end(), 0);
+    std::sort(expected.begin(), expected.end(), [&](std::int32_t x, std::int32_t y) {
+      return PathOrder::compare(*table, flavor, catalog->parentUnits(static_cast<std::uint32_t>(x)),
+                                catalog->parentUnits(static_cast<std::uint32_t>(y))) < 0;
+    });
+    const auto ranks = PathOrder::ranks(*catalog, *table);
+    for (std::size_t k = 0; k < expected.size(); ++k)
+      ASSERT_EQ(ranks[static_cast<std::size_t>(expected[k])], static_cast<std::int32_t>(k)) << k;
   }
 }
 

@@ -9,6 +9,7 @@
 #include "kernel/base/kernel_error.h"
 #include "kernel/query/name_collation.h"
 #include "kernel/query/parallel_sort.h"
+#include "kernel/query/prefix_sort.h"
 #include "kernel/query/radix_order.h"
 #include "kernel/query/row_order.h"
 #include "kernel/query/search_index.h"
@@ -108,9 +109,13 @@ TEST(NameCollation, InlineWalksAgreeWithTheTable) {
       ASSERT_EQ(sign(name_collation::level1(table->orderTable(), a, b)), sign(one));
       ASSERT_EQ(sign(name_collation::level2(table->letterCaseTable(), a, b)), sign(table->compareLevel2(a, b)));
       ASSERT_EQ(sign(name_collation::level3(a, b)), sign(Compatibility::compareLevel3(a, b)));
-      const auto ka = codes.key(a), kb = codes.key(b);
-      if (ka != kb) {
-        ASSERT_EQ(ka < kb ? -1 : 1, sign(one)) << "prefix keys disagree with level 1";
+      std::uint64_t ah, al, bh, bl;
+      codes.slice(a, 0, ah, al);
+      codes.slice(b, 0, bh, bl);
+      if (ah != bh || al != bl) {
+        ASSERT_EQ(std::pair(ah, al) < std::pair(bh, bl) ? -1 : 1, sign(one)) << "slices disagree with level 1";
+      } else if ((al & 0xFFFF) == codes.endCode()) {
+        ASSERT_EQ(one, 0) << "equal ended slices must mean equal names";
       }
     }
   }
@@ -238,6 +243,84 @@ TEST(RowOrder, EverySortNameGivesASortedPermutation) {
     }
   }
   EXPECT_EQ(checked, 6 * 2 * 14);
+}
+
+// Long names that share most of their units (and duplicates in many folders)
+// make the name sorts refine slice after slice; the result must still be the
+// comparison order, for the name order and the reversed-name order alike.
+TEST(RowOrder, LongSharedPrefixesSortLikeTheComparator) {
+  std::mt19937 random(17);
+  std::vector<SyntheticRecord> records;
+  const std::vector<Unit> tail = {u'a', u'A', u'b', 0xE9, u'.'};
+  for (int i = 0; i < 3000; ++i) {
+    SyntheticRecord r;
+    r.parent = u"/f" + utf16(std::to_string(random() % 40)) + u"/";
+    r.name = Text(random() % 30, u'x');
+    const int extra = static_cast<int>(random() % 12);
+    for (int k = 0; k < extra; ++k) r.name.push_back(tail[random() % tail.size()]);
+    if (random() % 50 == 0) r.name.insert(r.name.begin() + static_cast<std::ptrdiff_t>(random() % (r.name.size() + 1)), Unit(0));
+    records.push_back(std::move(r));
+  }
+  std::sort(records.begin(), records.end(), [](const auto& a, const auto& b) {
+    return std::pair(a.parent, a.name) < std::pair(b.parent, b.name);
+  });
+  records.erase(std::unique(records.begin(), records.end(),
+                            [](const auto& a, const auto& b) { return a.parent == b.parent && a.name == b.name; }),
+                records.end());
+  std::shuffle(records.begin(), records.end(), random);
+  SearchIndex index(makeCatalog(records), syntheticTable());
+  const auto order = ordered(index, SortSpec::parse("name-asc"));
+  for (std::size_t i = 0; i + 1 < order.size(); ++i)
+    ASSERT_LT(index.compare(order[i], order[i + 1], SortSpec::parse("name-asc")), 0) << i;
+  const auto& reverse = index.names()->reverseOrder();
+  for (std::size_t i = 0; i + 1 < reverse.size(); ++i) {
+    const int r = NameCandidates::compareReversed(index.compatibility(), index.catalog().nameUnits(reverse[i]),
+                                                  index.catalog().nameUnits(reverse[i + 1]));
+    ASSERT_TRUE(r < 0 || (r == 0 && reverse[i] < reverse[i + 1])) << i;
+  }
+}
+
+// The slice-by-slice sort against a plain sort of the same texts, with runs
+// refined both one per task and on the whole pool (a tiny large-run size).
+TEST(PrefixSort, AgreesWithAPlainSortOfTheTexts) {
+  std::mt19937 random(23);
+  std::vector<Text> texts;
+  for (int i = 0; i < 5000; ++i) {
+    Text t(random() % 20, u'q');
+    const int extra = static_cast<int>(random() % 8);
+    for (int k = 0; k < extra; ++k) t.push_back(static_cast<Unit>(u'a' + random() % 3));
+    texts.push_back(std::move(t));
+  }
+  // Two units per 16-bit slot pair: unit + 1, 0 past the end; 6 per slice.
+  struct Access {
+    const std::vector<Text>& texts;
+    PrefixSlice sliceAt(std::int32_t row, int depth) const {
+      const Text& t = texts[static_cast<std::size_t>(row)];
+      std::uint64_t k[2] = {0, 0};
+      for (std::size_t j = 0; j < 6; ++j) {
+        const std::size_t at = static_cast<std::size_t>(depth) * 6 + j;
+        k[j / 3] = (k[j / 3] << 17) | (at < t.size() ? std::uint64_t(t[at]) + 1 : 0);
+      }
+      return {k[0], k[1]};
+    }
+    void locate(std::int32_t) const {}
+    void prefetch(std::int32_t, int) const {}
+    bool ended(const PrefixSlice& s) const { return (s.low & 0x1FFFF) == 0; }
+    bool finalLess(const PrefixItem& x, const PrefixItem& y) const { return x.row < y.row; }
+  } access{texts};
+  std::vector<std::int32_t> expected(texts.size());
+  std::iota(expected.begin(), expected.end(), 0);
+  std::sort(expected.begin(), expected.end(), [&](std::int32_t a, std::int32_t b) {
+    return std::pair(texts[static_cast<std::size_t>(a)], a) < std::pair(texts[static_cast<std::size_t>(b)], b);
+  });
+  for (std::size_t largeRun : {std::size_t(100), std::size_t(1) << 16}) {
+    std::vector<PrefixItem> items(texts.size());
+    for (std::size_t i = 0; i < items.size(); ++i) items[i].row = static_cast<std::int32_t>(i);
+    prefixSort(items, access, largeRun);
+    std::vector<std::int32_t> got;
+    for (const auto& item : items) got.push_back(item.row);
+    EXPECT_EQ(got, expected) << "large runs from " << largeRun;
+  }
 }
 
 TEST(RadixOrder, IsAStableSortForAnyWidth) {
