@@ -67,6 +67,9 @@ struct ExecutionPlanner::Filter {
     bool sensitive = false;
     std::vector<std::int32_t> failure;      // longest proper border of text[0..i]
     std::vector<std::int32_t> parentState;  // state, kFound or kCut per parent
+    // The bigram mask of the text: a name that must hold the whole text (no
+    // part of it pending from the parent) must hold these bits.
+    std::uint64_t mask = 0;
   };
 
   std::vector<Node> nodes;  // nodes[0] is the root
@@ -123,6 +126,7 @@ struct ExecutionPlanner::Filter {
         std::int32_t state = term.parentState[catalog.parentIndex(row)];
         if (state == kFound) return kYes;
         if (state == kCut) return kNo;
+        if (state == 0 && (index.nameGramMasks()[static_cast<std::size_t>(row)] & term.mask) != term.mask) return kNo;
         const auto m = static_cast<std::int32_t>(term.text.size());
         for (const Unit unit : catalog.nameUnits(row)) {
           if (unit == 0) break;  // the displayed path ends at a NUL of the name
@@ -330,6 +334,7 @@ class FilterCompiler {
     ExecutionPlanner::Filter::PathTerm p;
     p.text = term.text;
     p.sensitive = term.sensitive;
+    p.mask = SearchIndex::gramMask(index_.compatibility(), term.raw);
     const std::size_t m = p.text.size();
     p.failure.assign(m, 0);
     for (std::size_t i = 1, k = 0; i < m; ++i) {
