@@ -109,7 +109,7 @@ int main(int argc, char** argv) {
     if (phases) {
       const auto ranks = timed("phase.parentRanks", [&] { return tarv::PathOrder::ranks(*catalog, *compatibility); });
       const auto tieBreak =
-          timed("phase.tieBreakSort", [&] { return tarv::RowOrder::tieBreakOrder(*catalog, *compatibility, ranks); });
+          timed("phase.tieBreakSort", [&] { return tarv::RowOrder::tieBreak(*catalog, *compatibility, ranks); });
       for (tarv::SortKey key : {tarv::SortKey::name, tarv::SortKey::path, tarv::SortKey::size, tarv::SortKey::modified}) {
         const std::string label = "phase.order." + std::string(tarv::sortKeyName(key));
         timed(label.c_str(), [&] { return tarv::RowOrder::orderFrom(*catalog, tieBreak, key, ranks); });

@@ -14,16 +14,17 @@
 
 namespace tarv {
 
-// `key(row)` must return a value below 2^keyBits (keyBits 0..64).
+// `key(position, row)` must return a value below 2^keyBits (keyBits 0..64);
+// position is the row's index in `input`.
 template <class Key>
-std::vector<std::int32_t> radixOrder(std::span<const std::int32_t> input, int keyBits, Key key) {
+std::vector<std::int32_t> radixOrderAt(std::span<const std::int32_t> input, int keyBits, Key key) {
   const auto n = static_cast<std::int64_t>(input.size());
   std::vector<std::int32_t> rows(input.begin(), input.end());
   if (keyBits <= 0 || n < 2) return rows;
   constexpr std::int64_t kMinimum = 1 << 16;
   std::vector<std::uint64_t> keys(static_cast<std::size_t>(n));
   Parallel::chunks(n, 1, kMinimum, [&](std::int64_t begin, std::int64_t end) {
-    for (auto i = begin; i < end; ++i) keys[static_cast<std::size_t>(i)] = key(rows[static_cast<std::size_t>(i)]);
+    for (auto i = begin; i < end; ++i) keys[static_cast<std::size_t>(i)] = key(i, rows[static_cast<std::size_t>(i)]);
   });
 
   const int passes = (keyBits + 10) / 11;
@@ -73,6 +74,12 @@ std::vector<std::int32_t> radixOrder(std::span<const std::int32_t> input, int ke
     rows.swap(rowsOut);
   }
   return rows;
+}
+
+// The same with `key(row)`.
+template <class Key>
+std::vector<std::int32_t> radixOrder(std::span<const std::int32_t> input, int keyBits, Key key) {
+  return radixOrderAt(input, keyBits, [&](std::int64_t, std::int32_t row) { return key(row); });
 }
 
 }  // namespace tarv

@@ -107,8 +107,8 @@ std::int32_t RowOrder::rowLabelRank(const Catalog& catalog, std::span<const std:
   return labelRanks[id];
 }
 
-std::vector<std::int32_t> RowOrder::tieBreakOrder(const Catalog& catalog, const Compatibility& compatibility,
-                                                  std::span<const std::int32_t> parentRanks) {
+RowOrder::TieBreak RowOrder::tieBreak(const Catalog& catalog, const Compatibility& compatibility,
+                                      std::span<const std::int32_t> parentRanks) {
   const std::int32_t n = catalog.count();
   const name_collation::PrefixCodes codes(compatibility);
   const std::uint16_t endCode = codes.endCode();
@@ -119,7 +119,10 @@ std::vector<std::int32_t> RowOrder::tieBreakOrder(const Catalog& catalog, const 
     for (auto i = begin; i < end; ++i) {
       const auto row = static_cast<std::int32_t>(i);
       items[static_cast<std::size_t>(i)].row = row;
-      items[static_cast<std::size_t>(i)].aux = parentRanks[catalog.parentIndex(row)];
+      // The file bit rides above the rank (ranks stay below 2^31).
+      const std::uint32_t file = catalog.isDirectory(row) ? 0u : 1u;
+      items[static_cast<std::size_t>(i)].aux =
+          static_cast<std::int32_t>(file << 31 | static_cast<std::uint32_t>(parentRanks[catalog.parentIndex(row)]));
     }
   });
   struct Access {
@@ -140,7 +143,8 @@ std::vector<std::int32_t> RowOrder::tieBreakOrder(const Catalog& catalog, const 
     bool ended(const PrefixSlice& s) const { return (s.low & 0xFFFF) == endCode; }
     // Names equal at level 1: parent rank, then levels 2 and 3, then row.
     bool finalLess(const PrefixItem& x, const PrefixItem& y) const {
-      if (x.aux != y.aux) return x.aux < y.aux;
+      const std::int32_t rx = x.aux & 0x7FFFFFFF, ry = y.aux & 0x7FFFFFFF;
+      if (rx != ry) return rx < ry;
       const TextView a = catalog.nameUnits(x.row);
       const TextView b = catalog.nameUnits(y.row);
       int r = name_collation::level2(letterCase, a, b);
@@ -149,13 +153,17 @@ std::vector<std::int32_t> RowOrder::tieBreakOrder(const Catalog& catalog, const 
     }
   } access{catalog, codes, compatibility.letterCaseTable(), names, starts, endCode};
   prefixSort(items, access);
-  std::vector<std::int32_t> rows(static_cast<std::size_t>(n));
+  TieBreak out;
+  out.rows.resize(static_cast<std::size_t>(n));
+  out.fileAndRank.resize(static_cast<std::size_t>(n));
   Parallel::chunks(n, 1, 1 << 15, [&](std::int64_t begin, std::int64_t end) {
-    for (auto i = begin; i < end; ++i) rows[static_cast<std::size_t>(i)] = items[static_cast<std::size_t>(i)].row;
+    for (auto i = begin; i < end; ++i) {
+      out.rows[static_cast<std::size_t>(i)] = items[static_cast<std::size_t>(i)].row;
+      out.fileAndRank[static_cast<std::size_t>(i)] = static_cast<std::uint32_t>(items[static_cast<std::size_t>(i)].aux);
+    }
   });
-  return rows;
+  return out;
 }
-
 std::vector<std::int32_t> RowOrder::orderFrom(const Catalog& catalog, std::span<const std::int32_t> tieBreak,
                                               SortKey key, std::span<const std::int32_t> parentRanks,
                                               std::span<const std::int32_t> labelRanks) {
@@ -223,6 +231,23 @@ std::vector<std::int32_t> RowOrder::orderFrom(const Catalog& catalog, std::span<
   // 0), then stably by folder.
   auto byValue = radixOrder(tieBreak, 64, [&](std::int32_t row) { return (*column)[static_cast<std::size_t>(row)] + 1; });
   return radixOrder(byValue, 1, fileBit);
+}
+
+std::vector<std::int32_t> RowOrder::orderFrom(const Catalog& catalog, const TieBreak& tieBreak, SortKey key,
+                                              std::span<const std::int32_t> parentRanks) {
+  const std::span<const std::int32_t> rows(tieBreak.rows);
+  const std::uint32_t* packed = tieBreak.fileAndRank.data();
+  const bool stored = key == SortKey::path || key == SortKey::name || key == SortKey::none ||
+                      (key == SortKey::created && !catalog.parts().createdTimes) ||
+                      (key == SortKey::allocated && !catalog.parts().allocations);
+  if (!stored) return orderFrom(catalog, rows, key, parentRanks);
+  if (key != SortKey::path)
+    return radixOrderAt(rows, 1, [&](std::int64_t i, std::int32_t) { return std::uint64_t(packed[i] >> 31); });
+  const int bits = bitWidth(parentRanks.empty() ? 0 : parentRanks.size() - 1);
+  return radixOrderAt(rows, bits + 1, [&](std::int64_t i, std::int32_t) {
+    const std::uint32_t v = packed[i];
+    return std::uint64_t(v >> 31) << bits | (v & 0x7FFFFFFFu);
+  });
 }
 
 }  // namespace tarv

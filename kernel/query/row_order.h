@@ -45,9 +45,19 @@ class RowOrder {
   static std::int32_t rowLabelRank(const Catalog& catalog, std::span<const std::int32_t> labelRanks,
                                    std::int32_t row) noexcept;
 
-  // Every row in tie-break order T (parallel sort with 64-bit level-1 prefixes).
+  // Every row in tie-break order T, plus per position the row's folder flag
+  // and parent rank (file bit << 31 | rank), from which the name and path
+  // orders follow without reading the catalog again.
+  struct TieBreak {
+    std::vector<std::int32_t> rows;
+    std::vector<std::uint32_t> fileAndRank;
+  };
+  static TieBreak tieBreak(const Catalog& catalog, const Compatibility& compatibility,
+                           std::span<const std::int32_t> parentRanks);
   static std::vector<std::int32_t> tieBreakOrder(const Catalog& catalog, const Compatibility& compatibility,
-                                                 std::span<const std::int32_t> parentRanks);
+                                                 std::span<const std::int32_t> parentRanks) {
+    return tieBreak(catalog, compatibility, parentRanks).rows;
+  }
 
   // The ascending order of `key`, as a stable sort of `tieBreak` (T, or any
   // order that is T within folders and within files, such as the name order)
@@ -56,6 +66,9 @@ class RowOrder {
   static std::vector<std::int32_t> orderFrom(const Catalog& catalog, std::span<const std::int32_t> tieBreak,
                                              SortKey key, std::span<const std::int32_t> parentRanks,
                                              std::span<const std::int32_t> labelRanks = {});
+  // The same from a TieBreak: name and path use its per-position data.
+  static std::vector<std::int32_t> orderFrom(const Catalog& catalog, const TieBreak& tieBreak, SortKey key,
+                                             std::span<const std::int32_t> parentRanks);
 
  private:
   const Catalog& catalog_;

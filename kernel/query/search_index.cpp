@@ -123,7 +123,7 @@ SearchIndex::SearchIndex(CatalogPtr catalog, std::shared_ptr<const Compatibility
   if (c.parts().createdTimes) storedKeys_.push_back(SortKey::created);
   if (c.parts().allocations) storedKeys_.push_back(SortKey::allocated);
   {
-    const std::vector<std::int32_t> tieBreak = RowOrder::tieBreakOrder(c, t, parentRanks_.span());
+    const RowOrder::TieBreak tieBreak = RowOrder::tieBreak(c, t, parentRanks_.span());
     for (SortKey key : storedKeys_)
       orders_.push_back(Column<std::int32_t>::owned(RowOrder::orderFrom(c, tieBreak, key, parentRanks_.span())));
   }
