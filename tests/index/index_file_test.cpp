@@ -242,6 +242,14 @@ TEST(IndexFileReader, UnparsableTrailerAndMissingFileAreIoErrors) {
   EXPECT_EQ(expectIoError(dir / "fifo.tarvidx"), "Invalid index file");  // and a FIFO does not block
 }
 
+TEST(IndexFileReader, DeeplyNestedTrailerFailsWithoutExhaustingTheStack) {
+  TempDir dir;
+  const std::string nested = std::string(500000, '[') + std::string(500000, ']');
+  EXPECT_EQ(expectIoError(dir.write("deep.tarvidx", craft("", nested))), "Unsupported index file");
+  const std::string inObject = "{\"format\":4,\"sections\":[],\"x\":" + nested + "}";
+  EXPECT_EQ(expectIoError(dir.write("deep2.tarvidx", craft("", inObject))), "(opened)");
+}
+
 TEST(IndexFileReader, ColumnsCheckLengthAlignmentAndPresence) {
   const std::string body = std::string(48, '\0') + "abcdef" + std::string(58, '\0') + "12345678";
   const std::string trailer =
