@@ -388,10 +388,10 @@ std::string_view ExecutionPlanner::name(Strategy strategy) noexcept {
   return "scan";
 }
 
-ExecutionPlanner::Plan ExecutionPlanner::plan(TextView query) const {
+ExecutionPlanner::Plan ExecutionPlanner::plan(TextView query, std::optional<Query::Moment> moment) const {
   const Catalog& catalog = index_->catalog();
   Plan plan;
-  plan.root = Query::parse(query, index_->compatibility(), catalog.pathFlavor());
+  plan.root = Query::parse(query, index_->compatibility(), catalog.pathFlavor(), moment);
   Query::markSizeSemantics(*plan.root, catalog.directorySizes());
   if (plan.root->kind == Kind::true_) {
     plan.strategy = Strategy::all;

@@ -27,6 +27,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string_view>
 
 #include "kernel/base/text.h"
@@ -62,10 +63,15 @@ class ExecutionPlanner {
   explicit ExecutionPlanner(SearchIndexPtr index, std::int64_t scanMinimum = kScanMinimum);
 
   // Parses and marks the query, chooses the strategy and compiles its filter.
-  Plan plan(TextView query) const;
+  // `moment` is the present for date keywords and local offsets; a search
+  // over several sources passes one moment to all of them, so "today" means
+  // the same day in every source even across midnight. Absent: the real clock.
+  Plan plan(TextView query, std::optional<Query::Moment> moment = std::nullopt) const;
   // Runs a plan made by this planner.
   Selection run(const Plan& plan) const;
-  Selection select(TextView query) const { return run(plan(query)); }
+  Selection select(TextView query, std::optional<Query::Moment> moment = std::nullopt) const {
+    return run(plan(query, moment));
+  }
 
   const SearchIndex& index() const noexcept { return *index_; }
 

@@ -139,8 +139,11 @@ JoinedSearch::Result JoinedSearch::search(std::string_view query, std::string_vi
   Result result;
   std::vector<Bitset> selections;
   selections.reserve(engines_.size());
+  // One reading of the clock for every source: date keywords and local
+  // offsets must mean the same instant in all of them.
+  const Query::Moment moment = Query::Moment::now();
   for (const ExecutionPlanner& engine : engines_) {
-    ExecutionPlanner::Selection selection = engine.select(units);
+    ExecutionPlanner::Selection selection = engine.select(units, moment);
     result.total += selection.count;
     result.strategies.push_back(selection.strategy);
     selections.push_back(std::move(selection.rows));
