@@ -94,43 +94,55 @@ int NameCandidates::compareReversed(const Compatibility& compatibility, TextView
   return a.size() < b.size() ? -1 : a.size() > b.size() ? 1 : 0;
 }
 
-std::vector<std::int32_t> NameCandidates::buildReverseOrder(const Catalog& catalog, const Compatibility& compatibility) {
-  // Slices of six units read backwards, 17 bits each: the folded unit + 1, or
-  // 0 past the start of the name, so a name that ends first sorts first and a
-  // slice ending in 0 means the name ended within it.
+Buffer<std::int32_t> NameCandidates::buildReverseOrder(const Catalog& catalog, const Compatibility& compatibility,
+                                                       PrefixScratch* scratch) {
+  // Slices of the name read backwards, one slot per unit: the unit's fold code
+  // (at least 1), or 0 past the start of the name, so a name that ends first
+  // sorts first and a slice ending in 0 means the name ended within it.
+  const name_collation::FoldCodes codes(compatibility);
   const std::int32_t n = catalog.count();
   const char16_t* names = catalog.parts().names.data();
   const std::int32_t* starts = catalog.parts().nameStarts.data();
-  std::vector<PrefixItem> items(static_cast<std::size_t>(n));
-  for (std::int32_t row = 0; row < n; ++row) items[static_cast<std::size_t>(row)].row = row;
+  PrefixScratch local;
+  PrefixScratch& work = scratch ? *scratch : local;
+  Buffer<PrefixItem>& items = work.items;
+  items.resize(static_cast<std::size_t>(n));
+  Parallel::chunks(n, 1, 1 << 15, [&](std::int64_t begin, std::int64_t end) {
+    for (auto i = begin; i < end; ++i) items[static_cast<std::size_t>(i)].row = static_cast<std::int32_t>(i);
+  });
   struct Access {
     const Catalog& catalog;
-    const Compatibility& compatibility;
+    const name_collation::FoldCodes& codes;
     const char16_t* names;
     const std::int32_t* starts;
+    std::size_t units = codes.unitsPerSlice();
+    std::uint64_t mask = codes.slotMask();
 
     PrefixSlice sliceAt(std::int32_t row, int depth) const {
       const TextView name = catalog.nameUnits(row);
-      std::uint64_t k[2] = {0, 0};
-      for (std::size_t j = 0; j < 6; ++j) {
-        const std::size_t back = static_cast<std::size_t>(depth) * 6 + j;
-        const std::uint64_t slot =
-            back < name.size() ? std::uint64_t(compatibility.fold(name[name.size() - 1 - back])) + 1 : 0;
-        k[j / 3] = (k[j / 3] << 17) | slot;
-      }
-      return PrefixSlice{k[0], k[1]};
+      const std::size_t from = static_cast<std::size_t>(depth) * units;
+      PrefixSlice s;
+      codes.pack(
+          [&](std::size_t j) -> std::uint64_t {
+            const std::size_t back = from + j;
+            return back < name.size() ? codes.code(name[name.size() - 1 - back]) : 0;
+          },
+          s.high, s.low);
+      return s;
     }
     void locate(std::int32_t row) const { __builtin_prefetch(starts + row + 1); }
     void prefetch(std::int32_t row, int depth) const {
-      const std::ptrdiff_t at = starts[row + 1] - 2 - depth * 6;
+      const std::ptrdiff_t at = starts[row + 1] - 2 - depth * static_cast<std::ptrdiff_t>(units);
       if (at >= 0) __builtin_prefetch(names + at);
     }
-    bool ended(const PrefixSlice& s) const { return (s.low & 0x1FFFF) == 0; }
+    bool ended(const PrefixSlice& s) const { return (s.low & mask) == 0; }
     bool finalLess(const PrefixItem& x, const PrefixItem& y) const { return x.row < y.row; }
-  } access{catalog, compatibility, names, starts};
-  prefixSort(items, access);
-  std::vector<std::int32_t> rows(static_cast<std::size_t>(n));
-  for (std::size_t i = 0; i < rows.size(); ++i) rows[i] = items[i].row;
+  } access{catalog, codes, names, starts};
+  prefixSort(items, access, std::size_t(1) << 16, &work.spare);
+  Buffer<std::int32_t> rows(static_cast<std::size_t>(n));
+  Parallel::chunks(n, 1, 1 << 15, [&](std::int64_t begin, std::int64_t end) {
+    for (auto i = begin; i < end; ++i) rows[static_cast<std::size_t>(i)] = items[static_cast<std::size_t>(i)].row;
+  });
   return rows;
 }
 

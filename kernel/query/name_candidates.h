@@ -26,6 +26,8 @@
 #include "kernel/base/column.h"
 #include "kernel/catalog/catalog.h"
 #include "kernel/catalog/compatibility.h"
+#include "kernel/query/buffer.h"
+#include "kernel/query/prefix_sort.h"
 
 namespace tarv {
 
@@ -58,8 +60,10 @@ class NameCandidates {
   Range suffixRange(TextView foldedSuffix) const noexcept;
 
   static bool classesCompatible(const Compatibility& compatibility);
-  // reverseOrder built from a catalog (parallel sort).
-  static std::vector<std::int32_t> buildReverseOrder(const Catalog& catalog, const Compatibility& compatibility);
+  // reverseOrder built from a catalog (parallel sort); `scratch` (optional)
+  // lends its arrays to the sort.
+  static Buffer<std::int32_t> buildReverseOrder(const Catalog& catalog, const Compatibility& compatibility,
+                                                PrefixScratch* scratch = nullptr);
   // Three-way comparison of two names read backwards through the fold.
   static int compareReversed(const Compatibility& compatibility, TextView a, TextView b) noexcept;
 

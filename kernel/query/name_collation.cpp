@@ -24,4 +24,15 @@ PrefixCodes::PrefixCodes(const Compatibility& compatibility) {
   }
 }
 
+FoldCodes::FoldCodes(const Compatibility& compatibility) : codes_(65536) {
+  const auto& search = compatibility.searchTable();
+  std::vector<std::uint32_t> rank(65536, 0);
+  for (std::uint32_t u = 0; u < 65536; ++u) rank[search[u]] = 1;  // mark the folded values
+  std::uint32_t next = 0;
+  for (std::uint32_t v = 0; v < 65536; ++v)
+    if (rank[v]) rank[v] = ++next;
+  for (std::uint32_t u = 0; u < 65536; ++u) codes_[u] = rank[search[u]];
+  wide_ = next > 65535;
+}
+
 }  // namespace tarv::name_collation

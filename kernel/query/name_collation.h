@@ -12,6 +12,7 @@
 #include <array>
 #include <cstdint>
 #include <memory>
+#include <vector>
 
 #include "kernel/base/text.h"
 #include "kernel/catalog/compatibility.h"
@@ -95,6 +96,36 @@ class PrefixCodes {
 
  private:
   std::array<std::uint16_t, 65536> codes_;
+};
+
+// Dense codes of folded units for slices of folded text: 1 + the rank of
+// search[u] among all folded values, so 0 is free to mean "past the end" and
+// codes keep the order of the folded values. They fit 16 bits (eight units per
+// 128-bit slice) unless every value 0..65535 is some unit's fold, in which
+// case slots take 17 bits (six units per slice).
+class FoldCodes {
+ public:
+  explicit FoldCodes(const Compatibility& compatibility);
+
+  std::uint32_t code(Unit u) const noexcept { return codes_[u]; }
+  int slotBits() const noexcept { return wide_ ? 17 : 16; }
+  std::size_t unitsPerSlice() const noexcept { return wide_ ? 6 : 8; }
+  std::uint64_t slotMask() const noexcept { return (std::uint64_t(1) << slotBits()) - 1; }
+
+  // Packs slot(0 ..< unitsPerSlice()) into a slice, slot 0 most significant.
+  template <class Slot>
+  void pack(Slot slot, std::uint64_t& high, std::uint64_t& low) const noexcept {
+    const std::size_t perWord = unitsPerSlice() / 2;
+    const int bits = slotBits();
+    std::uint64_t k[2] = {0, 0};
+    for (std::size_t j = 0; j < 2 * perWord; ++j) k[j / perWord] = (k[j / perWord] << bits) | slot(j);
+    high = k[0];
+    low = k[1];
+  }
+
+ private:
+  std::vector<std::uint32_t> codes_;
+  bool wide_ = false;
 };
 
 }  // namespace tarv::name_collation

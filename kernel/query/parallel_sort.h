@@ -12,6 +12,7 @@
 #include <utility>
 #include <vector>
 
+#include "kernel/query/buffer.h"
 #include "kernel/query/parallel.h"
 
 namespace tarv {
@@ -48,7 +49,7 @@ void parallelSort(std::span<T> items, Less less, std::int64_t minimum = std::int
   std::vector<std::pair<std::int64_t, std::int64_t>> runs;
   for (std::int64_t i = 0; i < plan.chunks; ++i) runs.emplace_back(i * plan.length, std::min((i + 1) * plan.length, n));
 
-  std::vector<T> buffer(items.size());
+  Buffer<T> buffer(items.size());
   std::span<T> from = items;
   std::span<T> to(buffer);
   const std::int64_t wantedPieces = 4 * Parallel::workers();
@@ -96,8 +97,8 @@ void parallelSort(std::span<T> items, Less less, std::int64_t minimum = std::int
   if (from.data() != items.data()) std::copy(from.begin(), from.end(), items.begin());
 }
 
-template <class T, class Less>
-void parallelSort(std::vector<T>& items, Less less, std::int64_t minimum = std::int64_t(1) << 14) {
+template <class T, class Allocator, class Less>
+void parallelSort(std::vector<T, Allocator>& items, Less less, std::int64_t minimum = std::int64_t(1) << 14) {
   parallelSort(std::span<T>(items), less, minimum);
 }
 

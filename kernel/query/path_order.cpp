@@ -91,7 +91,7 @@ std::vector<std::int32_t> PathOrder::ranks(const Catalog& catalog, const Compati
   const std::uint64_t nulSymbol = 2u + codes.code(0);
   const char16_t* chars = catalog.parts().parentChars.data();
   const std::int32_t* starts = catalog.parts().parentStarts.data();
-  std::vector<PrefixItem> items(static_cast<std::size_t>(count));
+  Buffer<PrefixItem> items(static_cast<std::size_t>(count));
   for (std::int32_t p = 0; p < count; ++p) items[static_cast<std::size_t>(p)].row = p;
   struct Access {
     const Catalog& catalog;

@@ -23,14 +23,16 @@
 #include <utility>
 #include <vector>
 
+#include "kernel/query/buffer.h"
 #include "kernel/query/parallel.h"
 #include "kernel/query/parallel_sort.h"
 
 namespace tarv {
 
+// Trivial types (no member initialisers), so buffers of them start unwritten.
 struct PrefixSlice {
-  std::uint64_t high = 0;
-  std::uint64_t low = 0;
+  std::uint64_t high;
+  std::uint64_t low;
   friend bool operator==(const PrefixSlice&, const PrefixSlice&) = default;
   friend bool operator<(const PrefixSlice& a, const PrefixSlice& b) {
     return a.high != b.high ? a.high < b.high : a.low < b.low;
@@ -39,8 +41,14 @@ struct PrefixSlice {
 
 struct PrefixItem {
   PrefixSlice slice;
-  std::int32_t row = 0;
-  std::int32_t aux = 0;  // caller data that travels with the row (e.g. its parent rank)
+  std::int32_t row;
+  std::int32_t aux;  // caller data that travels with the row (e.g. its parent rank)
+};
+
+// Arrays that successive sorts can share, so each does not fault in fresh memory.
+struct PrefixScratch {
+  Buffer<PrefixItem> items;
+  Buffer<PrefixItem> spare;
 };
 
 namespace prefix_sort_detail {
@@ -62,8 +70,8 @@ inline std::size_t digitOf(const PrefixSlice& s, int d) {
 template <class Access>
 class Sorter {
  public:
-  Sorter(std::vector<PrefixItem>& items, Access& access, std::size_t largeRun)
-      : items_(items), access_(access), largeRun_(largeRun) {}
+  Sorter(Buffer<PrefixItem>& items, Access& access, std::size_t largeRun, Buffer<PrefixItem>& spare)
+      : items_(items), access_(access), largeRun_(largeRun), buffer_(spare) {}
 
   void run(std::vector<Run> runs) {
     while (!runs.empty()) {
@@ -220,10 +228,10 @@ class Sorter {
       if (starts[d + 1] - starts[d] > 1) out.push_back(Run{starts[d], starts[d + 1], r.depth, false, r.digit + 1});
   }
 
-  std::vector<PrefixItem>& items_;
+  Buffer<PrefixItem>& items_;
   Access& access_;
   std::size_t largeRun_;
-  std::vector<PrefixItem> buffer_;  // scatter target of the large runs, refined one at a time
+  Buffer<PrefixItem>& buffer_;  // scatter target of the large runs, refined one at a time
   std::vector<std::int64_t> counts_;
 };
 
@@ -233,9 +241,11 @@ class Sorter {
 // prefetch(row, depth), hints in two steps for the memory sliceAt reads (where
 // the row's text starts, then the text); ended(slice) -> bool; and
 // finalLess(PrefixItem, PrefixItem) for items whose texts compare equal.
-// Runs of at least `largeRun` rows are refined with the whole pool.
+// Runs of at least `largeRun` rows are refined with the whole pool; `spare`
+// (optional) is reused as their scatter target.
 template <class Access>
-void prefixSort(std::vector<PrefixItem>& items, Access& access, std::size_t largeRun = std::size_t(1) << 16) {
+void prefixSort(Buffer<PrefixItem>& items, Access& access, std::size_t largeRun = std::size_t(1) << 16,
+                Buffer<PrefixItem>* spare = nullptr) {
   const auto n = static_cast<std::int64_t>(items.size());
   if (n < 2) return;
   constexpr std::int64_t kMinimum = 1 << 15;
@@ -247,7 +257,9 @@ void prefixSort(std::vector<PrefixItem>& items, Access& access, std::size_t larg
   });
 
   std::vector<prefix_sort_detail::Run> runs{{0, items.size(), 0, false, 0}};
-  prefix_sort_detail::Sorter<Access>(items, access, std::max<std::size_t>(largeRun, 2)).run(std::move(runs));
+  Buffer<PrefixItem> local;
+  prefix_sort_detail::Sorter<Access>(items, access, std::max<std::size_t>(largeRun, 2), spare ? *spare : local)
+      .run(std::move(runs));
 }
 
 }  // namespace tarv

@@ -10,21 +10,44 @@
 #include <span>
 #include <vector>
 
+#include "kernel/query/buffer.h"
 #include "kernel/query/parallel.h"
 
 namespace tarv {
 
+// Working arrays that successive sorts of the same size can share, so that
+// each sort does not fault in fresh memory.
+template <class Out = std::vector<std::int32_t>>
+struct RadixScratch {
+  Buffer<std::uint64_t> keys;
+  Buffer<std::uint64_t> keysOut;
+  Out rowsOut;
+};
+
 // `key(position, row)` must return a value below 2^keyBits (keyBits 0..64);
-// position is the row's index in `input`.
-template <class Key>
-std::vector<std::int32_t> radixOrderAt(std::span<const std::int32_t> input, int keyBits, Key key) {
+// position is the row's index in `input`. `Out` is the result's container:
+// std::vector<std::int32_t>, or Buffer<std::int32_t> to skip zeroing it.
+template <class Out = std::vector<std::int32_t>, class Key>
+Out radixOrderAt(std::span<const std::int32_t> input, int keyBits, Key key, RadixScratch<Out>* scratch = nullptr) {
   const auto n = static_cast<std::int64_t>(input.size());
-  std::vector<std::int32_t> rows(input.begin(), input.end());
-  if (keyBits <= 0 || n < 2) return rows;
   constexpr std::int64_t kMinimum = 1 << 16;
-  std::vector<std::uint64_t> keys(static_cast<std::size_t>(n));
+  Out rows(input.size());
+  if (keyBits <= 0 || n < 2) {
+    Parallel::chunks(n, 1, kMinimum, [&](std::int64_t begin, std::int64_t end) {
+      std::copy(input.begin() + begin, input.begin() + end, rows.begin() + begin);
+    });
+    return rows;
+  }
+  RadixScratch<Out> local;
+  RadixScratch<Out>& work = scratch ? *scratch : local;
+  Buffer<std::uint64_t>& keys = work.keys;
+  keys.resize(static_cast<std::size_t>(n));
   Parallel::chunks(n, 1, kMinimum, [&](std::int64_t begin, std::int64_t end) {
-    for (auto i = begin; i < end; ++i) keys[static_cast<std::size_t>(i)] = key(i, rows[static_cast<std::size_t>(i)]);
+    for (auto i = begin; i < end; ++i) {
+      const std::int32_t row = input[static_cast<std::size_t>(i)];
+      rows[static_cast<std::size_t>(i)] = row;
+      keys[static_cast<std::size_t>(i)] = key(i, row);
+    }
   });
 
   const int passes = (keyBits + 10) / 11;
@@ -33,8 +56,10 @@ std::vector<std::int32_t> radixOrderAt(std::span<const std::int32_t> input, int 
   const std::uint64_t mask = buckets - 1;
   const Parallel::Plan plan = Parallel::plan(n, 1, kMinimum);
   const auto chunkCount = static_cast<std::size_t>(plan.chunks);
-  std::vector<std::uint64_t> keysOut(keys.size());
-  std::vector<std::int32_t> rowsOut(rows.size());
+  Buffer<std::uint64_t>& keysOut = work.keysOut;
+  Out& rowsOut = work.rowsOut;
+  keysOut.resize(keys.size());
+  rowsOut.resize(rows.size());
   std::vector<std::int64_t> counts(chunkCount * buckets);
 
   for (int pass = 0; pass < passes; ++pass) {
@@ -77,9 +102,9 @@ std::vector<std::int32_t> radixOrderAt(std::span<const std::int32_t> input, int 
 }
 
 // The same with `key(row)`.
-template <class Key>
-std::vector<std::int32_t> radixOrder(std::span<const std::int32_t> input, int keyBits, Key key) {
-  return radixOrderAt(input, keyBits, [&](std::int64_t, std::int32_t row) { return key(row); });
+template <class Out = std::vector<std::int32_t>, class Key>
+Out radixOrder(std::span<const std::int32_t> input, int keyBits, Key key, RadixScratch<Out>* scratch = nullptr) {
+  return radixOrderAt<Out>(input, keyBits, [&](std::int64_t, std::int32_t row) { return key(row); }, scratch);
 }
 
 }  // namespace tarv

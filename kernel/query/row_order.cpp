@@ -108,13 +108,16 @@ std::int32_t RowOrder::rowLabelRank(const Catalog& catalog, std::span<const std:
 }
 
 RowOrder::TieBreak RowOrder::tieBreak(const Catalog& catalog, const Compatibility& compatibility,
-                                      std::span<const std::int32_t> parentRanks) {
+                                      std::span<const std::int32_t> parentRanks, PrefixScratch* scratch) {
   const std::int32_t n = catalog.count();
   const name_collation::PrefixCodes codes(compatibility);
   const std::uint16_t endCode = codes.endCode();
   const char16_t* names = catalog.parts().names.data();
   const std::int32_t* starts = catalog.parts().nameStarts.data();
-  std::vector<PrefixItem> items(static_cast<std::size_t>(n));
+  PrefixScratch local;
+  PrefixScratch& work = scratch ? *scratch : local;
+  Buffer<PrefixItem>& items = work.items;
+  items.resize(static_cast<std::size_t>(n));
   Parallel::chunks(n, 1, 1 << 15, [&](std::int64_t begin, std::int64_t end) {
     for (auto i = begin; i < end; ++i) {
       const auto row = static_cast<std::int32_t>(i);
@@ -152,7 +155,7 @@ RowOrder::TieBreak RowOrder::tieBreak(const Catalog& catalog, const Compatibilit
       return r != 0 ? r < 0 : x.row < y.row;
     }
   } access{catalog, codes, compatibility.letterCaseTable(), names, starts, endCode};
-  prefixSort(items, access);
+  prefixSort(items, access, std::size_t(1) << 16, &work.spare);
   TieBreak out;
   out.rows.resize(static_cast<std::size_t>(n));
   out.fileAndRank.resize(static_cast<std::size_t>(n));
@@ -164,29 +167,35 @@ RowOrder::TieBreak RowOrder::tieBreak(const Catalog& catalog, const Compatibilit
   });
   return out;
 }
-std::vector<std::int32_t> RowOrder::orderFrom(const Catalog& catalog, std::span<const std::int32_t> tieBreak,
+Buffer<std::int32_t> RowOrder::orderFrom(const Catalog& catalog, std::span<const std::int32_t> tieBreak,
                                               SortKey key, std::span<const std::int32_t> parentRanks,
-                                              std::span<const std::int32_t> labelRanks) {
+                                              std::span<const std::int32_t> labelRanks, Scratch* scratch) {
   const auto& tags = catalog.parts().parentTags;
   // Folders (bit 31 set) form group 0 and files group 1.
   auto fileBit = [&](std::int32_t row) -> std::uint64_t { return (tags[static_cast<std::size_t>(row)] >> 31) ^ 1u; };
 
   if (key == SortKey::path) {
     const int bits = bitWidth(parentRanks.empty() ? 0 : parentRanks.size() - 1);
-    return radixOrder(tieBreak, bits + 1, [&](std::int32_t row) {
-      return fileBit(row) << bits | static_cast<std::uint64_t>(parentRanks[catalog.parentIndex(row)]);
-    });
+    return radixOrder<Buffer<std::int32_t>>(
+        tieBreak, bits + 1,
+        [&](std::int32_t row) {
+          return fileBit(row) << bits | static_cast<std::uint64_t>(parentRanks[catalog.parentIndex(row)]);
+        },
+        scratch);
   }
   if (key == SortKey::device) {
     std::int32_t top = 0;
     for (auto r : labelRanks) top = std::max(top, r);
     const int bits = bitWidth(static_cast<std::uint64_t>(top));
-    return radixOrder(tieBreak, bits + 1, [&](std::int32_t row) {
-      return fileBit(row) << bits | static_cast<std::uint64_t>(rowLabelRank(catalog, labelRanks, row));
-    });
+    return radixOrder<Buffer<std::int32_t>>(
+        tieBreak, bits + 1,
+        [&](std::int32_t row) {
+          return fileBit(row) << bits | static_cast<std::uint64_t>(rowLabelRank(catalog, labelRanks, row));
+        },
+        scratch);
   }
   const Column<std::uint64_t>* column = valueColumn(catalog, key);
-  if (column == nullptr) return radixOrder(tieBreak, 1, fileBit);  // name, none, or a missing column
+  if (column == nullptr) return radixOrder<Buffer<std::int32_t>>(tieBreak, 1, fileBit, scratch);  // name, none, or a missing column
 
   // The range of known values decides how many bits the passes must cover.
   const std::int64_t n = static_cast<std::int64_t>(column->size());
@@ -217,37 +226,45 @@ std::vector<std::int32_t> RowOrder::orderFrom(const Catalog& catalog, std::span<
     low = std::min(low, lows[c]);
     high = std::max(high, highs[c]);
   }
-  if (!known) return radixOrder(tieBreak, 1, fileBit);
+  if (!known) return radixOrder<Buffer<std::int32_t>>(tieBreak, 1, fileBit, scratch);
   const int bits = bitWidth(high - low);
   if (bits <= 62) {
     // (file, known) in the two top bits, the offset from the lowest known value below.
-    return radixOrder(tieBreak, bits + 2, [&](std::int32_t row) {
-      const std::uint64_t v = (*column)[static_cast<std::size_t>(row)];
-      const bool isKnown = v != kUnknown64;
-      return (fileBit(row) << 1 | (isKnown ? 1u : 0u)) << bits | (isKnown ? v - low : 0);
-    });
+    return radixOrder<Buffer<std::int32_t>>(
+        tieBreak, bits + 2,
+        [&](std::int32_t row) {
+          const std::uint64_t v = (*column)[static_cast<std::size_t>(row)];
+          const bool isKnown = v != kUnknown64;
+          return (fileBit(row) << 1 | (isKnown ? 1u : 0u)) << bits | (isKnown ? v - low : 0);
+        },
+        scratch);
   }
   // Values spread over nearly all 64 bits: sort by value (unknown wrapping to
   // 0), then stably by folder.
-  auto byValue = radixOrder(tieBreak, 64, [&](std::int32_t row) { return (*column)[static_cast<std::size_t>(row)] + 1; });
-  return radixOrder(byValue, 1, fileBit);
+  auto byValue = radixOrder<Buffer<std::int32_t>>(
+      tieBreak, 64, [&](std::int32_t row) { return (*column)[static_cast<std::size_t>(row)] + 1; }, scratch);
+  return radixOrder<Buffer<std::int32_t>>(byValue, 1, fileBit, scratch);
 }
 
-std::vector<std::int32_t> RowOrder::orderFrom(const Catalog& catalog, const TieBreak& tieBreak, SortKey key,
-                                              std::span<const std::int32_t> parentRanks) {
+Buffer<std::int32_t> RowOrder::orderFrom(const Catalog& catalog, const TieBreak& tieBreak, SortKey key,
+                                              std::span<const std::int32_t> parentRanks, Scratch* scratch) {
   const std::span<const std::int32_t> rows(tieBreak.rows);
   const std::uint32_t* packed = tieBreak.fileAndRank.data();
   const bool stored = key == SortKey::path || key == SortKey::name || key == SortKey::none ||
                       (key == SortKey::created && !catalog.parts().createdTimes) ||
                       (key == SortKey::allocated && !catalog.parts().allocations);
-  if (!stored) return orderFrom(catalog, rows, key, parentRanks);
+  if (!stored) return orderFrom(catalog, rows, key, parentRanks, {}, scratch);
   if (key != SortKey::path)
-    return radixOrderAt(rows, 1, [&](std::int64_t i, std::int32_t) { return std::uint64_t(packed[i] >> 31); });
+    return radixOrderAt<Buffer<std::int32_t>>(
+        rows, 1, [&](std::int64_t i, std::int32_t) { return std::uint64_t(packed[i] >> 31); }, scratch);
   const int bits = bitWidth(parentRanks.empty() ? 0 : parentRanks.size() - 1);
-  return radixOrderAt(rows, bits + 1, [&](std::int64_t i, std::int32_t) {
-    const std::uint32_t v = packed[i];
-    return std::uint64_t(v >> 31) << bits | (v & 0x7FFFFFFFu);
-  });
+  return radixOrderAt<Buffer<std::int32_t>>(
+      rows, bits + 1,
+      [&](std::int64_t i, std::int32_t) {
+        const std::uint32_t v = packed[i];
+        return std::uint64_t(v >> 31) << bits | (v & 0x7FFFFFFFu);
+      },
+      scratch);
 }
 
 }  // namespace tarv

@@ -18,6 +18,9 @@
 
 #include "kernel/catalog/catalog.h"
 #include "kernel/catalog/compatibility.h"
+#include "kernel/query/buffer.h"
+#include "kernel/query/prefix_sort.h"
+#include "kernel/query/radix_order.h"
 #include "kernel/query/sort_spec.h"
 
 namespace tarv {
@@ -45,16 +48,18 @@ class RowOrder {
   static std::int32_t rowLabelRank(const Catalog& catalog, std::span<const std::int32_t> labelRanks,
                                    std::int32_t row) noexcept;
 
-  // Every row in tie-break order T, plus per position the row's folder flag
+  // Every row in tie-break order T (a slice-by-slice string sort of the names
+  // by level-1 codes, prefix_sort.h), plus per position the row's folder flag
   // and parent rank (file bit << 31 | rank), from which the name and path
   // orders follow without reading the catalog again.
   struct TieBreak {
-    std::vector<std::int32_t> rows;
-    std::vector<std::uint32_t> fileAndRank;
+    Buffer<std::int32_t> rows;
+    Buffer<std::uint32_t> fileAndRank;
   };
+  // `scratch` (optional) lends its arrays to the sort.
   static TieBreak tieBreak(const Catalog& catalog, const Compatibility& compatibility,
-                           std::span<const std::int32_t> parentRanks);
-  static std::vector<std::int32_t> tieBreakOrder(const Catalog& catalog, const Compatibility& compatibility,
+                           std::span<const std::int32_t> parentRanks, PrefixScratch* scratch = nullptr);
+  static Buffer<std::int32_t> tieBreakOrder(const Catalog& catalog, const Compatibility& compatibility,
                                                  std::span<const std::int32_t> parentRanks) {
     return tieBreak(catalog, compatibility, parentRanks).rows;
   }
@@ -62,13 +67,15 @@ class RowOrder {
   // The ascending order of `key`, as a stable sort of `tieBreak` (T, or any
   // order that is T within folders and within files, such as the name order)
   // by (folders first, key value). Linear: radix passes on the pool. For
-  // device, `labelRanks` must be given.
-  static std::vector<std::int32_t> orderFrom(const Catalog& catalog, std::span<const std::int32_t> tieBreak,
-                                             SortKey key, std::span<const std::int32_t> parentRanks,
-                                             std::span<const std::int32_t> labelRanks = {});
+  // device, `labelRanks` must be given. `scratch` (optional) is shared by
+  // successive calls.
+  using Scratch = RadixScratch<Buffer<std::int32_t>>;
+  static Buffer<std::int32_t> orderFrom(const Catalog& catalog, std::span<const std::int32_t> tieBreak, SortKey key,
+                                        std::span<const std::int32_t> parentRanks,
+                                        std::span<const std::int32_t> labelRanks = {}, Scratch* scratch = nullptr);
   // The same from a TieBreak: name and path use its per-position data.
-  static std::vector<std::int32_t> orderFrom(const Catalog& catalog, const TieBreak& tieBreak, SortKey key,
-                                             std::span<const std::int32_t> parentRanks);
+  static Buffer<std::int32_t> orderFrom(const Catalog& catalog, const TieBreak& tieBreak, SortKey key,
+                                        std::span<const std::int32_t> parentRanks, Scratch* scratch = nullptr);
 
  private:
   const Catalog& catalog_;

@@ -4,9 +4,12 @@
 #include <atomic>
 #include <bit>
 #include <cstring>
+#include <exception>
 #include <string>
+#include <thread>
 
 #include "kernel/query/bitset.h"
+#include "kernel/query/name_collation.h"
 #include "kernel/query/parallel.h"
 #include "kernel/query/parallel_sort.h"
 #include "kernel/query/path_order.h"
@@ -111,23 +114,61 @@ std::uint64_t SearchIndex::gramMask(const Compatibility& compatibility, TextView
 SearchIndex::SearchIndex(CatalogPtr catalog, std::shared_ptr<const Compatibility> compatibility)
     : catalog_(std::move(catalog)), compatibility_(std::move(compatibility)) {
   const Catalog& c = *catalog_;
+  storedKeys_ = {SortKey::name, SortKey::path, SortKey::size, SortKey::modified};
+  if (c.parts().createdTimes) storedKeys_.push_back(SortKey::created);
+  if (c.parts().allocations) storedKeys_.push_back(SortKey::allocated);
+
+  // Two independent halves: the orders (parent ranks, the tie-break sort and
+  // the stored orders) on this thread, and the name-side tables (reverse name
+  // order, per-row tables, parent prefix order) on a second calling thread.
+  // Both hand their chunks to the one pool, whose workers take from either, so
+  // the serial stretches of one half do not leave a core idle.
+  Column<std::int32_t> reverseOrder;
+  std::vector<std::int32_t> nul;
+  std::exception_ptr sideError;
+  std::thread side([&] {
+    try {
+      reverseOrder = toColumn(NameCandidates::buildReverseOrder(c, *compatibility_));
+      nul = buildRowTables();
+      buildParentPrefixOrder();
+    } catch (...) {
+      sideError = std::current_exception();
+    }
+  });
+  try {
+    buildOrders();
+  } catch (...) {
+    side.join();
+    throw;
+  }
+  side.join();
+  if (sideError) std::rethrow_exception(sideError);
+
+  deriveExtensionTables();
+  names_ = std::make_unique<NameCandidates>(catalog_, compatibility_, orders_.front(), std::move(reverseOrder),
+                                            Column<std::int32_t>::owned(std::move(nul)));
+}
+
+void SearchIndex::buildOrders() {
+  const Catalog& c = *catalog_;
+  const Compatibility& t = *compatibility_;
+  parentRanks_ = Column<std::int32_t>::owned(PathOrder::ranks(c, t));
+
+  // Every stored order is a stable sort of the tie-break order T by its key;
+  // the sorts share their working arrays rather than each faulting in
+  // hundreds of megabytes of fresh memory.
+  const RowOrder::TieBreak tieBreak = RowOrder::tieBreak(c, t, parentRanks_.span());
+  RowOrder::Scratch scratch;
+  for (SortKey key : storedKeys_)
+    orders_.push_back(toColumn(RowOrder::orderFrom(c, tieBreak, key, parentRanks_.span(), &scratch)));
+}
+
+std::vector<std::int32_t> SearchIndex::buildRowTables() {
+  const Catalog& c = *catalog_;
   const Compatibility& t = *compatibility_;
   const std::int32_t n = c.count();
   const std::int32_t parents = std::max(c.parentCount(), 0);
   const PathFlavor flavor = c.pathFlavor();
-
-  parentRanks_ = Column<std::int32_t>::owned(PathOrder::ranks(c, t));
-
-  // Every stored order is a stable sort of the tie-break order T by its key.
-  storedKeys_ = {SortKey::name, SortKey::path, SortKey::size, SortKey::modified};
-  if (c.parts().createdTimes) storedKeys_.push_back(SortKey::created);
-  if (c.parts().allocations) storedKeys_.push_back(SortKey::allocated);
-  {
-    const RowOrder::TieBreak tieBreak = RowOrder::tieBreak(c, t, parentRanks_.span());
-    for (SortKey key : storedKeys_)
-      orders_.push_back(Column<std::int32_t>::owned(RowOrder::orderFrom(c, tieBreak, key, parentRanks_.span())));
-  }
-  Column<std::int32_t> reverseOrder = Column<std::int32_t>::owned(NameCandidates::buildReverseOrder(c, t));
 
   // One pass over the rows for everything that is per row. Chunks are aligned
   // to 64 rows so each owns whole words of the separator bitset; per-chunk
@@ -141,8 +182,8 @@ SearchIndex::SearchIndex(CatalogPtr catalog, std::shared_ptr<const Compatibility
   };
   const Parallel::Plan plan = Parallel::plan(n, 64, kRowsPerChunk);
   std::vector<ChunkState> states(static_cast<std::size_t>(plan.chunks));
-  std::vector<std::int32_t> localIds(static_cast<std::size_t>(n));
-  std::vector<std::uint64_t> grams(static_cast<std::size_t>(n));
+  Buffer<std::int32_t> localIds(static_cast<std::size_t>(n));
+  Buffer<std::uint64_t> grams(static_cast<std::size_t>(n));
   std::vector<std::uint64_t> separatorWords(Bitset::wordCount(n), 0);
   std::vector<std::int32_t> rowCounts(static_cast<std::size_t>(parents), 0);
   Parallel::chunks(n, 64, kRowsPerChunk, [&](std::int64_t begin, std::int64_t end) {
@@ -219,15 +260,15 @@ SearchIndex::SearchIndex(CatalogPtr catalog, std::shared_ptr<const Compatibility
   std::vector<std::vector<std::uint16_t>> translate(states.size());
   for (std::size_t s = 0; s < states.size(); ++s)
     for (TextView text : states[s].texts) translate[s].push_back(globalIds.at(text));
-  std::vector<std::uint16_t> ids(static_cast<std::size_t>(n));
+  Buffer<std::uint16_t> ids(static_cast<std::size_t>(n));
   Parallel::chunks(n, 64, kRowsPerChunk, [&](std::int64_t begin, std::int64_t end) {
     const auto& table = translate[static_cast<std::size_t>(plan.length == 0 ? 0 : begin / plan.length)];
     for (auto i = begin; i < end; ++i)
       ids[static_cast<std::size_t>(i)] = table[static_cast<std::size_t>(localIds[static_cast<std::size_t>(i)])];
   });
-  extensionIds_ = Column<std::uint16_t>::owned(std::move(ids));
+  extensionIds_ = toColumn(std::move(ids));
   extensionCounts_ = Column<std::int64_t>::owned(std::move(counts));
-  nameGramMasks_ = Column<std::uint64_t>::owned(std::move(grams));
+  nameGramMasks_ = toColumn(std::move(grams));
   separatorNameCount_ = Bitset::count(separatorWords);
   separatorNames_ = Column<std::uint64_t>::owned(std::move(separatorWords));
   parentRowCounts_ = Column<std::int32_t>::owned(std::move(rowCounts));
@@ -246,44 +287,51 @@ SearchIndex::SearchIndex(CatalogPtr catalog, std::shared_ptr<const Compatibility
       if (isDriveRoot(c.parentUnits(static_cast<std::uint32_t>(p)))) driveParents.push_back(p);
   driveParents_ = Column<std::int64_t>::owned(std::move(driveParents));
 
-  // Parent prefix order: folded units in 17-bit slots (unit + 1, 0 past the
-  // end), six per slice; texts that fold equal fall back to raw units.
-  std::vector<PrefixItem> parentItems(static_cast<std::size_t>(parents));
+  return nul;
+}
+
+void SearchIndex::buildParentPrefixOrder() {
+  const Catalog& c = *catalog_;
+  const std::int32_t parents = std::max(c.parentCount(), 0);
+  // Parent prefix order: slices of fold codes (0 past the end); texts that
+  // fold equal fall back to raw units.
+  const name_collation::FoldCodes foldCodes(*compatibility_);
+  Buffer<PrefixItem> parentItems(static_cast<std::size_t>(parents));
   for (std::int32_t p = 0; p < parents; ++p) parentItems[static_cast<std::size_t>(p)].row = p;
   const char16_t* parentChars = c.parts().parentChars.data();
   const std::int32_t* parentStarts = c.parts().parentStarts.data();
   struct PrefixAccess {
     const Catalog& catalog;
-    const Compatibility& compatibility;
+    const name_collation::FoldCodes& codes;
     const char16_t* chars;
     const std::int32_t* starts;
+    std::size_t units = codes.unitsPerSlice();
+    std::uint64_t mask = codes.slotMask();
 
     PrefixSlice sliceAt(std::int32_t p, int depth) const {
       const TextView text = catalog.parentUnits(static_cast<std::uint32_t>(p));
-      std::uint64_t k[2] = {0, 0};
-      for (std::size_t j = 0; j < 6; ++j) {
-        const std::size_t at = static_cast<std::size_t>(depth) * 6 + j;
-        k[j / 3] = (k[j / 3] << 17) | (at < text.size() ? std::uint64_t(compatibility.fold(text[at])) + 1 : 0);
-      }
-      return PrefixSlice{k[0], k[1]};
+      const std::size_t from = static_cast<std::size_t>(depth) * units;
+      PrefixSlice s;
+      codes.pack([&](std::size_t j) -> std::uint64_t { return from + j < text.size() ? codes.code(text[from + j]) : 0; },
+                 s.high, s.low);
+      return s;
     }
     void locate(std::int32_t p) const { __builtin_prefetch(starts + p); }
-    void prefetch(std::int32_t p, int depth) const { __builtin_prefetch(chars + starts[p] + depth * 6); }
-    bool ended(const PrefixSlice& s) const { return (s.low & 0x1FFFF) == 0; }
+    void prefetch(std::int32_t p, int depth) const {
+      __builtin_prefetch(chars + starts[p] + depth * static_cast<std::ptrdiff_t>(units));
+    }
+    bool ended(const PrefixSlice& s) const { return (s.low & mask) == 0; }
     bool finalLess(const PrefixItem& x, const PrefixItem& y) const {
       const int raw = catalog.parentUnits(static_cast<std::uint32_t>(x.row))
                           .compare(catalog.parentUnits(static_cast<std::uint32_t>(y.row)));
       return raw != 0 ? raw < 0 : x.row < y.row;
     }
-  } prefixAccess{c, t, parentChars, parentStarts};
+  } prefixAccess{c, foldCodes, parentChars, parentStarts};
   prefixSort(parentItems, prefixAccess);
   std::vector<std::int32_t> prefixOrder(static_cast<std::size_t>(parents));
   for (std::size_t k = 0; k < prefixOrder.size(); ++k) prefixOrder[k] = parentItems[k].row;
   parentPrefixOrder_ = Column<std::int32_t>::owned(std::move(prefixOrder));
 
-  deriveExtensionTables();
-  names_ = std::make_unique<NameCandidates>(catalog_, compatibility_, orders_.front(), std::move(reverseOrder),
-                                            Column<std::int32_t>::owned(std::move(nul)));
 }
 
 SearchIndex::SearchIndex(const IndexFile::Reader& reader, CatalogPtr catalog,
@@ -388,7 +436,7 @@ Column<std::int32_t> SearchIndex::order(SortKey key) const {
     std::lock_guard lock(deviceLock_);
     if (!deviceOrder_) {
       const auto ranks = RowOrder::labelRanks(*catalog_, *compatibility_);
-      deviceOrder_ = Column<std::int32_t>::owned(
+      deviceOrder_ = toColumn(
           RowOrder::orderFrom(*catalog_, orders_.front().span(), SortKey::device, parentRanks_.span(), ranks));
     }
     return *deviceOrder_;

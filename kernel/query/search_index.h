@@ -53,7 +53,10 @@ class SearchIndex {
  public:
   static constexpr std::uint16_t kExtensionOverflow = 65535;
 
-  // Builds every structure. Runs on the calling thread and the worker pool.
+  // Builds every structure. Runs on the calling thread and one helper thread
+  // of its own (the orders and the name-side tables are built side by side),
+  // both handing their per-row work to the worker pool; returns when both are
+  // done. Throws only what allocation throws.
   SearchIndex(CatalogPtr catalog, std::shared_ptr<const Compatibility> compatibility);
 
   // Maps the sections that write() stored under `prefix`; `catalog` must be
@@ -125,6 +128,9 @@ class SearchIndex {
   void write(IndexFile::Writer& writer, std::string_view prefix = {}) const;
 
  private:
+  void buildOrders();
+  std::vector<std::int32_t> buildRowTables();  // returns the rows whose names hold a NUL
+  void buildParentPrefixOrder();
   void deriveExtensionTables();
 
   CatalogPtr catalog_;

@@ -363,7 +363,7 @@ TEST(SearchIndex, SameResultsWithSmallChunks) {
   options.env["TARV_TEST_SMALL_CHUNKS"] = "1";
   const auto result = testing::run(
       "/proc/self/exe",
-      {"--gtest_filter=SearchIndex.*:RowOrder.*:PathOrder.*:RadixOrder.*:ParallelSort.*:PrefixSort.*:NameCollation.*"}, options);
+      {"--gtest_filter=SearchIndex.*:RowOrder.*:PathOrder.*:RadixOrder.*:ParallelSort.*:PrefixSort.*:FoldCodes.*:NameCollation.*"}, options);
   EXPECT_EQ(result.status, 0) << result.out << result.err;
   EXPECT_NE(result.out.find("[  PASSED  ]"), std::string::npos) << result.out;
   EXPECT_EQ(result.out.find("[  FAILED  ]"), std::string::npos) << result.out;

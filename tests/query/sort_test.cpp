@@ -314,12 +314,42 @@ TEST(PrefixSort, AgreesWithAPlainSortOfTheTexts) {
     return std::pair(texts[static_cast<std::size_t>(a)], a) < std::pair(texts[static_cast<std::size_t>(b)], b);
   });
   for (std::size_t largeRun : {std::size_t(100), std::size_t(1) << 16}) {
-    std::vector<PrefixItem> items(texts.size());
+    Buffer<PrefixItem> items(texts.size());
     for (std::size_t i = 0; i < items.size(); ++i) items[i].row = static_cast<std::int32_t>(i);
     prefixSort(items, access, largeRun);
     std::vector<std::int32_t> got;
     for (const auto& item : items) got.push_back(item.row);
     EXPECT_EQ(got, expected) << "large runs from " << largeRun;
+  }
+}
+
+// Fold codes keep the order of folded values and leave 0 free; a table whose
+// folds cover all 65536 values needs 17-bit slots, and the reversed-name and
+// parent-prefix orders must come out right with either width.
+TEST(FoldCodes, KeepOrderAndWidenWhenEveryValueIsAFold) {
+  const name_collation::FoldCodes narrow(*syntheticTable());
+  EXPECT_EQ(narrow.unitsPerSlice(), 8u);
+  EXPECT_EQ(narrow.code(u'A'), narrow.code(u'a'));
+  EXPECT_LT(narrow.code(u'a'), narrow.code(u'b'));
+  EXPECT_GE(narrow.code(0), 1u);
+  auto identity = std::make_unique<Compatibility::Table>();
+  for (std::uint32_t u = 0; u < 65536; ++u) (*identity)[u] = static_cast<std::uint16_t>(u);
+  const auto wideTable = Compatibility::fromTables(*identity, *identity, *identity);
+  const name_collation::FoldCodes wide(*wideTable);
+  EXPECT_EQ(wide.unitsPerSlice(), 6u);
+  EXPECT_EQ(wide.code(0xFFFF), 65536u);
+  for (const auto& table : {syntheticTable(), wideTable}) {
+    SearchIndex index(testing::randomCatalog(41, PathFlavor::windows, 800), table);
+    const Catalog& c = index.catalog();
+    const auto& reverse = index.names()->reverseOrder();
+    for (std::size_t i = 0; i + 1 < reverse.size(); ++i) {
+      const int r = NameCandidates::compareReversed(*table, c.nameUnits(reverse[i]), c.nameUnits(reverse[i + 1]));
+      ASSERT_TRUE(r < 0 || (r == 0 && reverse[i] < reverse[i + 1])) << i;
+    }
+    const auto& prefix = index.parentPrefixOrder();
+    for (std::size_t i = 0; i + 1 < prefix.size(); ++i)
+      ASSERT_LE(table->fold(c.parentUnits(static_cast<std::uint32_t>(prefix[i]))),
+                table->fold(c.parentUnits(static_cast<std::uint32_t>(prefix[i + 1]))));
   }
 }
 
