@@ -16,6 +16,23 @@ elseif(NOT TARV_SANITIZE STREQUAL "")
   message(FATAL_ERROR "TARV_SANITIZE must be empty, 'address' or 'thread'")
 endif()
 
+# Fuzz builds instrument every library for coverage and check memory and
+# undefined behaviour on each input; only the fuzz_* executables link the
+# fuzzer's own main (fuzz/CMakeLists.txt).
+if(TARV_FUZZ)
+  if(NOT CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
+    message(FATAL_ERROR "TARV_FUZZ needs clang: -DCMAKE_CXX_COMPILER=clang++")
+  endif()
+  if(NOT TARV_SANITIZE STREQUAL "")
+    message(FATAL_ERROR "TARV_FUZZ brings its own sanitizers; leave TARV_SANITIZE empty")
+  endif()
+  # -O1 and line tables only: quicker to build, and what the sanitizers need
+  # for readable reports.
+  add_compile_options(-fsanitize=fuzzer-no-link,address,undefined -fno-sanitize-recover=all -fno-omit-frame-pointer
+                      -O1 -gline-tables-only)
+  add_link_options(-fsanitize=address,undefined -fno-sanitize-recover=all)
+endif()
+
 # tarv_library(NAME DEPS ...): one static library from every .cpp of the calling folder.
 function(tarv_library name)
   cmake_parse_arguments(ARG "" "" "DEPS;PRIVATE_DEPS" ${ARGN})
