@@ -3,6 +3,7 @@
 #include <string>
 #include <vector>
 
+#include "cli/ai_command.h"
 #include "cli/argument_list.h"
 #include "cli/configuration_location.h"
 #include "cli/mcp_server.h"
@@ -69,6 +70,7 @@ int dispatch(Invocation& invocation) {
   }
   if (*command == "search") return runSearch(invocation);
   if (*command == "status") return runStatus(invocation);
+  if (*command == "ai") return runAiCommand(invocation.arguments, invocation.config, invocation.all);
   if (*command == "mcp") return runMcpCommand(invocation.config, invocation.all);
   fail("unknown command " + *command + "\n" + std::string(kUsageText), 2);
 }

@@ -1,0 +1,108 @@
+// The assistant's settings in the defaults file and its API keys: defaults
+// for absent keys, per-provider models, an atomic round trip, and keys from
+// the environment before the key store (which these tests keep unreachable).
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <string>
+#include <vector>
+
+#include "core/ai/ai_settings.h"
+#include "core/platform/settings.h"
+#include "kernel/base/kernel_error.h"
+#include "tests/platform/environment_guard.h"
+#include "tests/support/temp_dir.h"
+
+namespace tarv::AISearch {
+namespace {
+
+using testing::TempDir;
+
+platform::Settings suiteWith(const TempDir& dir, const std::string& json) {
+  return platform::Settings::openFile(dir.write("defaults.json", json));
+}
+
+TEST(AISettings, LoadWithDefaults) {
+  TempDir dir;
+  struct Case {
+    const char* label;
+    std::string file;
+    std::optional<Provider> override;
+    Settings expected;
+  };
+  const std::vector<Case> cases = {
+      {"empty suite", "{}", std::nullopt, {Provider::openAI, "https://api.openai.com/v1", ""}},
+      {"anthropic gets its default model", R"({"aiProvider": "anthropic"})", std::nullopt,
+       {Provider::anthropic, "https://api.openai.com/v1", "claude-opus-5-5"}},
+      {"stored values", R"({"aiProvider": "openAI", "aiBaseURL": "http://localhost:11434/v1", "aiModel.openAI": "m"})",
+       std::nullopt, {Provider::openAI, "http://localhost:11434/v1", "m"}},
+      {"unknown provider falls back", R"({"aiProvider": "OpenAI", "aiModel.openAI": "m"})", std::nullopt,
+       {Provider::openAI, "https://api.openai.com/v1", "m"}},
+      {"non-string values are absent", R"({"aiProvider": 3, "aiBaseURL": null})", std::nullopt,
+       {Provider::openAI, "https://api.openai.com/v1", ""}},
+      {"each provider has its own model", R"({"aiModel.openAI": "a", "aiModel.anthropic": "b"})",
+       Provider::anthropic, {Provider::anthropic, "https://api.openai.com/v1", "b"}},
+      {"override reads the default model of its provider", R"({"aiProvider": "openAI", "aiModel.openAI": "a"})",
+       Provider::anthropic, {Provider::anthropic, "https://api.openai.com/v1", "claude-opus-5-5"}},
+      {"apple", R"({"aiProvider": "apple"})", std::nullopt, {Provider::apple, "https://api.openai.com/v1", ""}},
+  };
+  for (const Case& c : cases) EXPECT_EQ(Settings::load(suiteWith(dir, c.file), c.override), c.expected) << c.label;
+}
+
+TEST(AISettings, SaveRoundTrip) {
+  TempDir dir;
+  platform::Settings suite = suiteWith(dir, R"({"configurationPath": "/keep/me", "aiModel.openAI": "other"})");
+  const Settings saved{Provider::anthropic, "http://127.0.0.1:1/v1", "claude-haiku-5"};
+  saved.save(suite);
+
+  const platform::Settings reread = platform::Settings::openFile(dir / "defaults.json");
+  EXPECT_EQ(Settings::load(reread), saved);
+  EXPECT_EQ(reread.string("configurationPath"), "/keep/me") << "other keys survive";
+  EXPECT_EQ(reread.string("aiModel.openAI"), "other") << "other providers' models survive";
+  struct stat info {};
+  ASSERT_EQ(::stat((dir / "defaults.json").c_str(), &info), 0);
+  EXPECT_EQ(info.st_mode & 0777, 0600u);
+  EXPECT_FALSE(std::filesystem::exists(dir / "defaults.json.partial"));
+}
+
+TEST(AISettings, ProviderNames) {
+  EXPECT_EQ(providerNamed("apple"), Provider::apple);
+  EXPECT_EQ(providerNamed("openAI"), Provider::openAI);
+  EXPECT_EQ(providerNamed("anthropic"), Provider::anthropic);
+  for (const char* wrong : {"openai", "Anthropic", "", "apple "}) EXPECT_EQ(providerNamed(wrong), std::nullopt) << wrong;
+  for (Provider provider : {Provider::apple, Provider::openAI, Provider::anthropic})
+    EXPECT_EQ(providerNamed(rawValue(provider)), provider);
+  EXPECT_EQ(appleStatus(), AppleStatus::unavailable);
+}
+
+class ApiKeys : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    // No session bus: the key store is unreachable, whatever this machine has.
+    environment_.set("DBUS_SESSION_BUS_ADDRESS", std::nullopt);
+    environment_.set("XDG_RUNTIME_DIR", dir_.path().string());
+    environment_.set("TARV_API_KEY_OPENAI", std::nullopt);
+    environment_.set("TARV_API_KEY_ANTHROPIC", std::nullopt);
+  }
+  TempDir dir_;
+  testing::EnvironmentGuard environment_;
+};
+
+TEST_F(ApiKeys, EnvironmentFirst) {
+  environment_.set("TARV_API_KEY_OPENAI", "sk-env");
+  environment_.set("TARV_API_KEY_ANTHROPIC", "ak-env");
+  EXPECT_EQ(apiKey(Provider::openAI), "sk-env");
+  EXPECT_EQ(apiKey(Provider::anthropic), "ak-env");
+  EXPECT_EQ(apiKey(Provider::apple), std::nullopt) << "the on-device model needs no key";
+}
+
+TEST_F(ApiKeys, NoStoreMeansNoKey) {
+  environment_.set("TARV_API_KEY_OPENAI", "");  // empty counts as unset
+  EXPECT_EQ(apiKey(Provider::openAI), std::nullopt);
+  EXPECT_EQ(apiKey(Provider::anthropic), std::nullopt);
+  EXPECT_THROW(setAPIKey("sk-new", Provider::openAI), KernelError);
+}
+
+}  // namespace
+}  // namespace tarv::AISearch
