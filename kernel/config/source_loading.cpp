@@ -2,6 +2,7 @@
 // file's fingerprint.
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -13,6 +14,7 @@
 #include "kernel/sources/byte_source.h"
 #include "kernel/sources/efu_reader.h"
 #include "kernel/sources/gfind_reader.h"
+#include "kernel/sources/load_progress.h"
 #include "kernel/sources/snapshot_reader.h"
 
 namespace tarv {
@@ -27,6 +29,12 @@ std::string plainDigest(const std::filesystem::path& url) {
   if (fd < 0) throw systemError("Cannot read", url.string(), errno);
   Sha256 digest;
   auto chunk = std::make_unique_for_overwrite<char[]>(kChunkSize);
+  std::uint64_t total = 0;
+  std::uint64_t done = 0;
+  if (LoadProgress::active()) {
+    struct stat info {};
+    if (::fstat(fd, &info) == 0 && S_ISREG(info.st_mode)) total = static_cast<std::uint64_t>(info.st_size);
+  }
   for (;;) {
     ssize_t n = ::read(fd, chunk.get(), kChunkSize);
     if (n < 0) {
@@ -37,6 +45,8 @@ std::string plainDigest(const std::filesystem::path& url) {
     }
     if (n == 0) break;
     digest.update(chunk.get(), static_cast<std::size_t>(n));
+    done += static_cast<std::uint64_t>(n);
+    LoadProgress::advance(done, total, 0);
   }
   if (::close(fd) != 0) throw systemError("Cannot close", url.string(), errno);
   return digest.finishHex();
@@ -45,8 +55,13 @@ std::string plainDigest(const std::filesystem::path& url) {
 std::string decompressedDigest(const std::filesystem::path& url) {
   ByteSource source(url);
   Sha256 digest;
-  for (std::span<const char> block = source.block(); !block.empty(); block = source.block())
+  for (std::span<const char> block = source.block(); !block.empty(); block = source.block()) {
     digest.update(block.data(), block.size());
+    if (LoadProgress::active()) {
+      ByteSource::FilePosition at = source.filePosition();
+      LoadProgress::advance(at.done, at.total, 0);
+    }
+  }
   source.close();
   return digest.finishHex();
 }
@@ -54,6 +69,7 @@ std::string decompressedDigest(const std::filesystem::path& url) {
 }  // namespace
 
 Catalog Configuration::Source::load() const {
+  LoadProgress::phase(LoadProgress::Phase::reading);
   if (format == "efu") {
     // The configuration reader guarantees a virtual directory for EFU sources;
     // a Source built by hand without one is refused with the same message.
@@ -67,6 +83,7 @@ Catalog Configuration::Source::load() const {
 }
 
 std::string Configuration::sha256(const std::filesystem::path& url) {
+  LoadProgress::phase(LoadProgress::Phase::fingerprint);
   return ByteSource::isCompressed(url) ? decompressedDigest(url) : plainDigest(url);
 }
 

@@ -19,6 +19,7 @@
 #include "kernel/index/index_file.h"
 #include "kernel/index/load_trace.h"
 #include "kernel/index/pending_writes.h"
+#include "kernel/sources/load_progress.h"
 
 namespace tarv {
 namespace {
@@ -118,6 +119,7 @@ IndexCache::Loaded IndexCache::load(const Configuration::Source& source,
   }
 
   const std::string tag = "source=" + source.id;
+  LoadProgress::Scope progress(source.id);  // a front end may show how far the fresh load has come
   auto started = LoadTrace::begin("source.sha256", tag + " bytes=" + std::to_string(before.size));
   std::string fingerprint = Configuration::sha256(source.file);
   LoadTrace::end("source.sha256", started, tag);
@@ -136,6 +138,7 @@ IndexCache::Loaded IndexCache::load(const Configuration::Source& source,
   CatalogPtr shared = std::move(catalog);
 
   started = LoadTrace::begin("source.index", tag);
+  LoadProgress::phase(LoadProgress::Phase::indexing);
   auto index = std::make_shared<const SearchIndex>(shared, compatibility);
   LoadTrace::end("source.index", started, tag);
   return Loaded{std::move(shared), std::move(index), std::move(fingerprint), key, /*cached=*/false};

@@ -1,6 +1,7 @@
 #include "kernel/sources/byte_source.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -45,6 +46,18 @@ void ByteSource::close() {
   data_ = nullptr;
   size_ = position_ = 0;
   if (::close(fd) != 0) throw systemError("Cannot close", path_, errno);
+}
+
+ByteSource::FilePosition ByteSource::filePosition() const noexcept {
+  FilePosition position;
+  if (fd_ < 0) return position;
+  // The descriptor's offset counts compressed bytes for gzip input, so the
+  // fraction done is right for both kinds of file.
+  off_t offset = ::lseek(fd_, 0, SEEK_CUR);
+  struct stat info {};
+  if (offset > 0) position.done = static_cast<std::uint64_t>(offset);
+  if (::fstat(fd_, &info) == 0 && S_ISREG(info.st_mode)) position.total = static_cast<std::uint64_t>(info.st_size);
+  return position;
 }
 
 bool ByteSource::refill() {

@@ -10,6 +10,7 @@
 // ("Cannot read <path>: <reason>"); gzip damage is the Inflater's io errors.
 
 #include <cstddef>
+#include <cstdint>
 #include <filesystem>
 #include <memory>
 #include <span>
@@ -50,6 +51,15 @@ class ByteSource {
 
   // Closes the file now, so that a failing close is reported (io error).
   void close();
+
+  // How far into the file reading has come and the file's size (0 when
+  // unknown), for progress reports. Costs two system calls: call it at most
+  // once per block, and only when someone is watching. Never throws.
+  struct FilePosition {
+    std::uint64_t done = 0;
+    std::uint64_t total = 0;
+  };
+  FilePosition filePosition() const noexcept;
 
  private:
   bool refill();

@@ -7,6 +7,7 @@
 #include "kernel/base/kernel_error.h"
 #include "kernel/catalog/catalog_builder.h"
 #include "kernel/sources/byte_source.h"
+#include "kernel/sources/load_progress.h"
 
 namespace tarv::EfuReader {
 namespace {
@@ -139,6 +140,7 @@ class RecordReader {
   }
 
   Catalog finish() { return builder_.finish(); }
+  std::int32_t records() const { return builder_.count(); }
 
  private:
   static inline const std::optional<Text> kNoExtension;
@@ -231,6 +233,10 @@ Catalog load(const std::filesystem::path& url, const std::string& sourceId, cons
   bool inHeader = true;
   std::string carry;  // a line cut by a block boundary
   for (std::span<const char> block = source.block(); !block.empty(); block = source.block()) {
+    if (LoadProgress::active()) {
+      ByteSource::FilePosition at = source.filePosition();
+      LoadProgress::advance(at.done, at.total, static_cast<std::uint64_t>(reader.records()));
+    }
     const char* p = block.data();
     const char* end = p + block.size();
     if (inHeader) {

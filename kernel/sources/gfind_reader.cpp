@@ -7,6 +7,7 @@
 #include "kernel/base/kernel_error.h"
 #include "kernel/catalog/catalog_builder.h"
 #include "kernel/sources/byte_source.h"
+#include "kernel/sources/load_progress.h"
 
 namespace tarv::GfindReader {
 namespace {
@@ -96,6 +97,7 @@ class RecordReader {
   }
 
   Catalog finish() { return builder_.finish(); }
+  std::int64_t records() const { return number_; }
 
  private:
   [[noreturn]] void fail(const char* reason) const {
@@ -217,6 +219,10 @@ Catalog load(const std::filesystem::path& url, const std::string& sourceId, cons
   RecordReader reader(sourceId, root, extended);
   std::string carry;  // a record cut by a block boundary
   for (std::span<const char> block = source.block(); !block.empty(); block = source.block()) {
+    if (LoadProgress::active()) {
+      ByteSource::FilePosition at = source.filePosition();
+      LoadProgress::advance(at.done, at.total, static_cast<std::uint64_t>(reader.records()));
+    }
     const char* p = block.data();
     const char* end = p + block.size();
     while (p < end) {

@@ -16,6 +16,7 @@
 #include "kernel/catalog/catalog_builder.h"
 #include "kernel/sources/canonical_path.h"
 #include "kernel/sources/canonical_text.h"
+#include "kernel/sources/load_progress.h"
 #include "kernel/sources/snapshot_file.h"
 #include "kernel/sources/snapshot_record.h"
 
@@ -235,6 +236,7 @@ Catalog load(const std::filesystem::path& url, const std::string& sourceId, cons
   const char* readableEnd = bytes + file.size();
   std::vector<Chunk> chunks = cutChunks(bytes, bytes + length);
   std::uint64_t recordNumber = 0;
+  auto offsetOf = [bytes](const char* at) { return static_cast<std::uint64_t>(at - bytes); };
   int workers = std::min(processors, static_cast<int>(chunks.size()));
   if (workers <= 1) {
     SnapshotRecordReader reader(canonicalRoot);
@@ -242,12 +244,14 @@ Catalog load(const std::filesystem::path& url, const std::string& sourceId, cons
     for (const Chunk& chunk : chunks) {
       readChunk(reader, chunk, readableEnd, batch);
       addRecords(batch, recordNumber, builder);
+      if (LoadProgress::active()) LoadProgress::advance(offsetOf(chunk.end), file.size(), recordNumber);
     }
   } else {
     ChunkPipeline pipeline(chunks, readableEnd, canonicalRoot, workers);
     for (std::size_t i = 0; i < chunks.size(); ++i) {
       addRecords(pipeline.take(i), recordNumber, builder);
       pipeline.release(i);
+      if (LoadProgress::active()) LoadProgress::advance(offsetOf(chunks[i].end), file.size(), recordNumber);
     }
   }
   return builder.finish();
