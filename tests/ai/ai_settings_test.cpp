@@ -66,16 +66,6 @@ TEST(AISettings, SaveRoundTrip) {
   EXPECT_FALSE(std::filesystem::exists(dir / "defaults.json.partial"));
 }
 
-TEST(AISettings, ProviderNames) {
-  EXPECT_EQ(providerNamed("apple"), Provider::apple);
-  EXPECT_EQ(providerNamed("openAI"), Provider::openAI);
-  EXPECT_EQ(providerNamed("anthropic"), Provider::anthropic);
-  for (const char* wrong : {"openai", "Anthropic", "", "apple "}) EXPECT_EQ(providerNamed(wrong), std::nullopt) << wrong;
-  for (Provider provider : {Provider::apple, Provider::openAI, Provider::anthropic})
-    EXPECT_EQ(providerNamed(rawValue(provider)), provider);
-  EXPECT_EQ(appleStatus(), AppleStatus::unavailable);
-}
-
 class ApiKeys : public ::testing::Test {
  protected:
   void SetUp() override {
