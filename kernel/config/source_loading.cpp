@@ -66,20 +66,35 @@ std::string decompressedDigest(const std::filesystem::path& url) {
   return digest.finishHex();
 }
 
+// The reader of the source's format.
+Catalog readWithFormat(const Configuration::Source& source) {
+  if (source.format == "efu") {
+    // The configuration reader guarantees a virtual directory for EFU sources;
+    // a Source built by hand without one is refused with the same message.
+    if (!source.virtualDirectory) throw KernelError::invalid("EFU requires explicit Windows virtualDirectory");
+    EfuReader::checkHeader(source.file);
+    return EfuReader::load(source.file, source.id, *source.virtualDirectory);
+  }
+  if (source.format == "gfind" || source.format == "gfind7")
+    return GfindReader::load(source.file, source.id, source.root, source.format == "gfind7");
+  if (source.format == "snapshot-v1") return SnapshotReader::load(source.file, source.id, source.root);
+  throw KernelError::invalid("Invalid source format/state");
+}
+
 }  // namespace
 
 Catalog Configuration::Source::load() const {
   LoadProgress::phase(LoadProgress::Phase::reading);
-  if (format == "efu") {
-    // The configuration reader guarantees a virtual directory for EFU sources;
-    // a Source built by hand without one is refused with the same message.
-    if (!virtualDirectory) throw KernelError::invalid("EFU requires explicit Windows virtualDirectory");
-    EfuReader::checkHeader(file);
-    return EfuReader::load(file, id, *virtualDirectory);
+  Catalog catalog = readWithFormat(*this);
+  // Readers report before each block, so the last word on the count is said
+  // here: whoever shows the next phase shows the catalog's own size.
+  if (LoadProgress::active()) {
+    std::error_code error;
+    std::uintmax_t size = std::filesystem::file_size(file, error);
+    std::uint64_t bytes = error ? 0 : static_cast<std::uint64_t>(size);
+    LoadProgress::advance(bytes, bytes, static_cast<std::uint64_t>(catalog.count()));
   }
-  if (format == "gfind" || format == "gfind7") return GfindReader::load(file, id, root, format == "gfind7");
-  if (format == "snapshot-v1") return SnapshotReader::load(file, id, root);
-  throw KernelError::invalid("Invalid source format/state");
+  return catalog;
 }
 
 std::string Configuration::sha256(const std::filesystem::path& url) {
