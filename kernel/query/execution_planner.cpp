@@ -2,11 +2,16 @@
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <bit>
+#include <mutex>
+#include <span>
 #include <utility>
 #include <vector>
 
+#include "kernel/query/name_literal.h"
 #include "kernel/query/parallel.h"
+#include "kernel/query/query_optimizer.h"
 
 namespace tarv {
 namespace {
@@ -14,51 +19,54 @@ namespace {
 using Kind = Query::Kind;
 using Term = Query::Term;
 
-enum Answer : std::uint8_t { kNo = 0, kYes = 1, kMaybe = 2 };
-
-enum class Op : std::uint8_t {
-  yes, no, maybe, gram, name, extension, file, folder, path, parent, volume, number, allOf, anyOf, negate
+enum class Method : std::uint8_t {
+  all, none, rows, literal, literalOr, units, prefix, suffix, pattern, extension, parent, path, volume, numeric,
+  allOf, anyOf, negate
 };
 
-// Names longer than this are left to Query::matches by the name test.
-constexpr std::size_t kFoldBuffer = 256;
-
-// Whole-text equality as text, parent and volume terms compare.
-bool equalsText(const Query::Term& term, TextView subject, const Compatibility& table) {
-  if (subject.size() != term.text.size()) return false;
-  for (std::size_t i = 0; i < subject.size(); ++i)
-    if (term.text[i] != (term.sensitive ? subject[i] : table.fold(subject[i]))) return false;
-  return true;
-}
-
-// Deeper or larger trees are cut off as "maybe", so the filter stays a few
-// dozen steps per row and its walk a bounded recursion.
-constexpr int kMaxDepth = 32;
-constexpr std::size_t kMaxNodes = 256;
+// Deeper or larger trees are evaluated row by row below this point, so the
+// plan stays small and its walk a bounded recursion.
+constexpr int kMaxDepth = QueryOptimizer::kMaxDepth;
+constexpr std::size_t kMaxSteps = 4096;
 
 // Parent states of a path term: the text occurs within the parent's part of
 // the path, or the path ends inside the parent text (a NUL cuts it).
 constexpr std::int32_t kFound = -1;
 constexpr std::int32_t kCut = -2;
 
+// Rows grouped by a small key (extension id, parent index): the rows of key
+// k, ascending, are rows[starts[k] ..< starts[k + 1]).
+struct RowGroups {
+  std::vector<std::int32_t> starts;
+  std::vector<std::int32_t> rows;
+
+  template <class KeyOf>
+  static RowGroups build(std::int32_t n, std::size_t keys, KeyOf keyOf) {
+    RowGroups g;
+    g.starts.assign(keys + 1, 0);
+    for (std::int32_t r = 0; r < n; ++r) ++g.starts[keyOf(r) + 1];
+    for (std::size_t k = 0; k < keys; ++k) g.starts[k + 1] += g.starts[k];
+    g.rows.resize(static_cast<std::size_t>(n));
+    std::vector<std::int32_t> next(g.starts.begin(), g.starts.end() - 1);
+    for (std::int32_t r = 0; r < n; ++r) g.rows[static_cast<std::size_t>(next[keyOf(r)]++)] = r;
+    return g;
+  }
+  std::span<const std::int32_t> of(std::size_t key) const noexcept {
+    if (key + 1 >= starts.size()) return {};
+    return {rows.data() + starts[key], static_cast<std::size_t>(starts[key + 1] - starts[key])};
+  }
+};
+
 }  // namespace
 
-struct ExecutionPlanner::Filter {
-  struct Node {
-    Op op = Op::maybe;
-    std::uint64_t mask = 0;   // gram
-    std::uint32_t table = 0;  // extension, parent, volume: hits; path: paths
-    // number: the term (size, date and size-on-disk rules).
-    Query::Kind field = Query::Kind::size;
-    std::uint64_t low = 0, high = 0;
-    bool unknown = false, sizeFolders = false;
-    // name: the compared text (folded unless sensitive).
-    Text text;
-    bool sensitive = false, whole = false;
-    int cost = 0;             // rough work per row, for ordering operands
-    std::vector<std::uint32_t> children;  // allOf / anyOf / negate, cheapest first
-  };
+struct ExecutionPlanner::Groups {
+  std::once_flag extensionOnce;
+  std::once_flag parentOnce;
+  RowGroups byExtension;
+  RowGroups byParent;
+};
 
+struct ExecutionPlanner::Filter {
   // A substring term over full paths, decided with a prefix automaton: the
   // state after each parent text is computed once, and only the name is read
   // per row.
@@ -70,14 +78,28 @@ struct ExecutionPlanner::Filter {
     // The bigram mask of the text: a name that must hold the whole text (no
     // part of it pending from the parent) must hold these bits.
     std::uint64_t mask = 0;
+    // The text holds a unit that only a separator can supply, so a row whose
+    // parent leaves nothing pending matches only through a separator in its
+    // name.
+    bool needsSeparator = false;
   };
 
-  std::vector<Node> nodes;  // nodes[0] is the root
-  std::vector<std::vector<std::uint8_t>> hits;
-  std::vector<PathTerm> paths;
-  bool grams = false;
+  struct Step {
+    Method method = Method::rows;
+    const Term* term = nullptr;
+    std::int64_t estimate = 0;  // rows the step may select, for ordering
+    std::uint64_t mask = 0;     // literal, pattern: the name-bigram bits
+    name_literal::UnitSet units;  // units: the units to scan for
+    std::array<NameCandidates::Range, 2> ranges{};  // prefix: nameOrder; suffix: reverseOrder (first)
+    std::uint32_t path = 0;     // path: index into paths
+    Query::NumericFilter numeric;
+    std::vector<std::uint32_t> children;
+  };
 
-  std::int32_t advance(const PathTerm& term, std::int32_t state, Unit unit, const Compatibility& table) const noexcept {
+  std::vector<Step> steps;  // steps[0] is the root
+  std::vector<PathTerm> paths;
+
+  static std::int32_t advance(const PathTerm& term, std::int32_t state, Unit unit, const Compatibility& table) noexcept {
     const Unit x = term.sensitive ? unit : table.fold(unit);
     while (state > 0 && term.text[static_cast<std::size_t>(state)] != x)
       state = term.failure[static_cast<std::size_t>(state) - 1];
@@ -85,256 +107,297 @@ struct ExecutionPlanner::Filter {
     return state;
   }
 
-  // A plain name term: the text as a run of the name (or the whole name),
-  // compared unit by unit with the name folded unless the term is sensitive.
-  static Answer nameContains(const Node& node, TextView name, const Compatibility& table) noexcept {
-    TextView subject = name;
-    std::array<Unit, kFoldBuffer> folded;
-    if (!node.sensitive) {
-      if (name.size() > folded.size()) return kMaybe;
-      for (std::size_t i = 0; i < name.size(); ++i) folded[i] = table.fold(name[i]);
-      subject = TextView(folded.data(), name.size());
-    }
-    if (node.whole) return subject == TextView(node.text) ? kYes : kNo;
-    return subject.find(node.text) != TextView::npos ? kYes : kNo;
-  }
-
-  // Operands are read cheapest first and the walk stops as soon as the
-  // answer is known. The tree is at most kMaxDepth deep.
-  Answer decide(const SearchIndex& index, std::int32_t row, std::uint32_t at = 0) const noexcept {
-    const Node& node = nodes[at];
+  // The path rule for one row, given its parent's state.
+  static bool pathMatches(const PathTerm& term, const SearchIndex& index, std::int32_t row) noexcept {
     const Catalog& catalog = index.catalog();
-    switch (node.op) {
-      case Op::yes: return kYes;
-      case Op::no: return kNo;
-      case Op::maybe: return kMaybe;
-      case Op::gram:
-        return (index.nameGramMasks()[static_cast<std::size_t>(row)] & node.mask) == node.mask ? kMaybe : kNo;
-      case Op::name:
-        if ((index.nameGramMasks()[static_cast<std::size_t>(row)] & node.mask) != node.mask) return kNo;
-        return nameContains(node, catalog.nameUnits(row), index.compatibility());
-      case Op::extension: {
-        if (catalog.isDirectory(row)) return kNo;
-        const std::uint16_t id = index.extensionIds()[static_cast<std::size_t>(row)];
-        if (id == SearchIndex::kExtensionOverflow) return kMaybe;
-        return hits[node.table][id] ? kYes : kNo;
-      }
-      case Op::file: return catalog.isDirectory(row) ? kNo : kYes;
-      case Op::folder: return catalog.isDirectory(row) ? kYes : kNo;
-      case Op::path: {
-        const PathTerm& term = paths[node.table];
-        std::int32_t state = term.parentState[catalog.parentIndex(row)];
-        if (state == kFound) return kYes;
-        if (state == kCut) return kNo;
-        if (state == 0 && (index.nameGramMasks()[static_cast<std::size_t>(row)] & term.mask) != term.mask) return kNo;
-        const auto m = static_cast<std::int32_t>(term.text.size());
-        for (const Unit unit : catalog.nameUnits(row)) {
-          if (unit == 0) break;  // the displayed path ends at a NUL of the name
-          state = advance(term, state, unit, index.compatibility());
-          if (state == m) return kYes;
-        }
-        return kNo;
-      }
-      case Op::parent: return hits[node.table][catalog.parentIndex(row)] ? kYes : kNo;
-      case Op::volume: {
-        const std::uint16_t id = catalog.deviceId(row);
-        return id != kNoDevice && id < hits[node.table].size() && hits[node.table][id] ? kYes : kNo;
-      }
-      case Op::number: {
-        std::uint64_t value = kUnknown64;
-        switch (node.field) {
-          case Kind::size: value = catalog.rawSize(row); break;
-          case Kind::modified: value = catalog.rawModified(row); break;
-          case Kind::created: value = catalog.rawCreated(row); break;
-          default: value = catalog.rawAllocated(row); break;
-        }
-        if (node.unknown) {
-          if (value != kUnknown64) return kNo;
-          // Without real folder sizes a folder's unknown size says nothing.
-          return node.field == Kind::size && !node.sizeFolders && catalog.isDirectory(row) ? kNo : kYes;
-        }
-        return value != kUnknown64 && node.low <= value && value <= node.high ? kYes : kNo;
-      }
-      case Op::allOf: {
-        Answer all = kYes;
-        for (const std::uint32_t child : node.children) {
-          const Answer a = decide(index, row, child);
-          if (a == kNo) return kNo;
-          if (a == kMaybe) all = kMaybe;
-        }
-        return all;
-      }
-      case Op::anyOf: {
-        Answer any = kNo;
-        for (const std::uint32_t child : node.children) {
-          const Answer a = decide(index, row, child);
-          if (a == kYes) return kYes;
-          if (a == kMaybe) any = kMaybe;
-        }
-        return any;
-      }
-      case Op::negate: {
-        const Answer a = decide(index, row, node.children.front());
-        return a == kMaybe ? kMaybe : a == kYes ? kNo : kYes;
-      }
+    std::int32_t state = term.parentState[catalog.parentIndex(row)];
+    if (state == kFound) return true;
+    if (state == kCut) return false;
+    if (state == 0 && (index.nameGramMasks()[static_cast<std::size_t>(row)] & term.mask) != term.mask) return false;
+    const auto m = static_cast<std::int32_t>(term.text.size());
+    for (const Unit unit : catalog.nameUnits(row)) {
+      if (unit == 0) break;  // the displayed path ends at a NUL of the name
+      state = advance(term, state, unit, index.compatibility());
+      if (state == m) return true;
     }
-    return kMaybe;
+    return false;
   }
 };
 
 namespace {
 
-// Turns a query tree into a filter tree. Every node answers exactly as
-// Query::matches would for its term, or "maybe".
-class FilterCompiler {
+using Step = ExecutionPlanner::Filter::Step;
+using PathTerm = ExecutionPlanner::Filter::PathTerm;
+
+// Chooses a method per term. Every step selects exactly the rows for which
+// Query::matches holds for its term.
+class Compiler {
  public:
-  using Node = ExecutionPlanner::Filter::Node;
+  Compiler(const SearchIndex& index, ExecutionPlanner::Filter& filter) : index_(index), filter_(filter) {}
 
-  FilterCompiler(const SearchIndex& index, ExecutionPlanner::Filter& filter) : index_(index), filter_(filter) {}
-
-  // Appends the node of `term` (and its operands) and returns its index.
   std::uint32_t compile(const Term& term, int depth) {
-    const auto at = static_cast<std::uint32_t>(filter_.nodes.size());
-    filter_.nodes.emplace_back();
-    if (depth > kMaxDepth || at >= kMaxNodes) return at;  // maybe
-    Node node;
+    const auto at = static_cast<std::uint32_t>(filter_.steps.size());
+    filter_.steps.emplace_back();
+    Step step;
+    step.term = &term;
+    step.estimate = rows();
+    if (depth > kMaxDepth || at >= kMaxSteps) {
+      filter_.steps[at] = std::move(step);  // row by row
+      return at;
+    }
+    // Composites too large for the budget are tested row by row as a whole.
+    if (filter_.steps.size() + term.children.size() > kMaxSteps) {
+      filter_.steps[at] = std::move(step);
+      return at;
+    }
     switch (term.kind) {
-      case Kind::true_: node.op = Op::yes; break;
-      case Kind::false_: node.op = Op::no; break;
-      case Kind::and_:
-      case Kind::or_:
-      case Kind::not_: {
-        if (term.kind == Kind::not_) {
-          // Only the first operand counts, as in Query::matches.
-          if (term.children.empty()) {
-            node.op = Op::yes;
-            break;
-          }
-          node.op = Op::negate;
-        } else {
-          node.op = term.kind == Kind::and_ ? Op::allOf : Op::anyOf;
-        }
-        if (at + term.children.size() >= kMaxNodes) return at;  // maybe
-        const std::size_t operands = term.kind == Kind::not_ ? 1 : term.children.size();
-        for (std::size_t i = 0; i < operands; ++i) {
-          const std::uint32_t child = compile(*term.children[i], depth + 1);
-          node.children.push_back(child);
-          node.cost += filter_.nodes[child].cost;
-        }
-        if (filter_.nodes.size() > kMaxNodes) {
-          // Over budget: the whole subtree answers "maybe".
-          filter_.nodes.resize(at + 1);
-          return at;
-        }
-        std::stable_sort(node.children.begin(), node.children.end(), [&](std::uint32_t x, std::uint32_t y) {
-          return filter_.nodes[x].cost < filter_.nodes[y].cost;
-        });
-        break;
-      }
-      case Kind::text: text(term, node); break;
-      case Kind::ext: extension(term, node); break;
-      case Kind::parent: parent(term, node); break;
-      case Kind::volume: volume(term, node); break;
+      case Kind::true_: step.method = Method::all; break;
+      case Kind::false_: step.method = Method::none; step.estimate = 0; break;
+      case Kind::and_: allOf(term, depth, step); break;
+      case Kind::or_: anyOf(term, depth, step); break;
+      case Kind::not_: negate(term, depth, step); break;
+      case Kind::text: text(term, step); break;
+      case Kind::ext: extension(term, step); break;
+      case Kind::parent: parent(term, step); break;
+      case Kind::volume: volume(term, step); break;
       case Kind::size:
       case Kind::modified:
       case Kind::created:
       case Kind::allocated:
-        node.op = Op::number;
-        node.field = term.kind;
-        node.low = term.low;
-        node.high = term.high;
-        node.unknown = term.unknown;
-        node.sizeFolders = term.sizeFolders;
-        node.cost = 1;
+      case Kind::file:
+      case Kind::folder:
+        step.method = Method::numeric;
+        QueryOptimizer::merge(step.numeric, term);
+        step.estimate = rows() / 2;
         break;
-      case Kind::file: node.op = Op::file; node.cost = 1; break;
-      case Kind::folder: node.op = Op::folder; node.cost = 1; break;
-      default: break;  // maybe
     }
-    filter_.nodes[at] = std::move(node);
+    if (filter_.steps.size() > kMaxSteps) {
+      // Over budget below: the whole subtree row by row.
+      filter_.steps.resize(at + 1);
+      step = Step();
+      step.term = &term;
+      step.estimate = rows();
+    }
+    filter_.steps[at] = std::move(step);
     return at;
   }
 
  private:
-  void text(const Term& term, Node& node) {
+  std::int64_t rows() const noexcept { return index_.catalog().count(); }
+
+  // Collapses a composite to a leaf method when its operands decide it.
+  void collapse(Step& step, Method method) {
+    step.method = method;
+    step.children.clear();
+    step.estimate = method == Method::none ? 0 : rows();
+  }
+
+  void allOf(const Term& term, int depth, Step& step) {
+    step.method = Method::allOf;
+    const Query::NumericFilter* numeric = term.numericFilter ? &*term.numericFilter : nullptr;
+    if (numeric != nullptr) {
+      Step merged;
+      merged.method = Method::numeric;
+      merged.term = &term;
+      merged.numeric = *numeric;
+      merged.estimate = rows() / 4;
+      step.children.push_back(static_cast<std::uint32_t>(filter_.steps.size()));
+      filter_.steps.push_back(std::move(merged));
+    }
+    for (const Query::TermPtr& child : term.children) {
+      if (numeric != nullptr && QueryOptimizer::isNumeric(*child)) continue;
+      const std::uint32_t c = compile(*child, depth + 1);
+      const Method m = filter_.steps[c].method;
+      if (m == Method::none) return collapse(step, Method::none);
+      if (m != Method::all) step.children.push_back(c);
+    }
+    if (step.children.empty()) return collapse(step, Method::all);
+    if (step.children.size() == 1) return adopt(step);
+    order(step);
+    step.estimate = filter_.steps[step.children.front()].estimate;
+    for (const std::uint32_t c : step.children) step.estimate = std::min(step.estimate, filter_.steps[c].estimate);
+  }
+
+  void anyOf(const Term& term, int depth, Step& step) {
+    step.method = Method::anyOf;
+    step.estimate = 0;
+    std::vector<bool> covered(term.children.size(), false);
+    if (term.literalOr) {
+      Step literals;
+      literals.method = Method::literalOr;
+      literals.term = &term;
+      literals.estimate = rows() / 8;
+      for (const std::size_t i : term.literalOr->literalChildren) covered[i] = true;
+      step.children.push_back(static_cast<std::uint32_t>(filter_.steps.size()));
+      filter_.steps.push_back(std::move(literals));
+    }
+    for (std::size_t i = 0; i < term.children.size(); ++i) {
+      if (covered[i]) continue;
+      const std::uint32_t c = compile(*term.children[i], depth + 1);
+      const Method m = filter_.steps[c].method;
+      if (m == Method::all) return collapse(step, Method::all);
+      if (m != Method::none) step.children.push_back(c);
+    }
+    if (step.children.empty()) return collapse(step, Method::none);
+    if (step.children.size() == 1) return adopt(step);
+    for (const std::uint32_t c : step.children) step.estimate += filter_.steps[c].estimate;
+    step.estimate = std::min(step.estimate, rows());
+  }
+
+  void negate(const Term& term, int depth, Step& step) {
+    // Only the first operand counts, as in Query::matches; none is true.
+    if (term.children.empty()) return collapse(step, Method::all);
+    const std::uint32_t c = compile(*term.children.front(), depth + 1);
+    const Method m = filter_.steps[c].method;
+    if (m == Method::all) return collapse(step, Method::none);
+    if (m == Method::none) return collapse(step, Method::all);
+    step.method = Method::negate;
+    step.children.push_back(c);
+    step.estimate = rows();
+  }
+
+  // A composite left with one operand becomes that operand.
+  void adopt(Step& step) {
+    const Step only = filter_.steps[step.children.front()];
+    step = only;
+  }
+
+  // Most selective first; row-by-row operands last, whatever they select.
+  void order(Step& step) {
+    auto weight = [&](std::uint32_t c) {
+      const Step& s = filter_.steps[c];
+      return std::pair<int, std::int64_t>(s.method == Method::rows ? 1 : 0, s.estimate);
+    };
+    std::stable_sort(step.children.begin(), step.children.end(),
+                     [&](std::uint32_t x, std::uint32_t y) { return weight(x) < weight(y); });
+  }
+
+  // The candidates of a literal start (prefix) or end (suffix) of names.
+  bool nameRanges(const Term& term, std::size_t prefix, std::size_t suffix, Step& step) {
+    const NameCandidates* names = index_.names();
+    if (names == nullptr || term.text.size() != term.raw.size()) return false;
+    const Compatibility& table = index_.compatibility();
+    // Folded, as the orders are; a sensitive term is checked per row after.
+    const Text folded = term.sensitive ? table.fold(term.text) : term.text;
+    std::int64_t best = rows() / 4 + 1;
+    bool chosen = false;
+    if (prefix > 0) {
+      if (auto ranges = names->prefixRanges(TextView(folded).substr(0, prefix))) {
+        const std::int64_t size = (*ranges)[0].size() + (*ranges)[1].size();
+        if (size < best) {
+          best = size;
+          step.method = Method::prefix;
+          step.ranges = *ranges;
+          chosen = true;
+        }
+      }
+    }
+    if (suffix > 0) {
+      const auto range = names->suffixRange(TextView(folded).substr(folded.size() - suffix));
+      if (range.size() < best) {
+        best = range.size();
+        step.method = Method::suffix;
+        step.ranges = {range, NameCandidates::Range{}};
+        chosen = true;
+      }
+    }
+    if (chosen) step.estimate = best + static_cast<std::int64_t>(names->nulNames().size());
+    return chosen;
+  }
+
+  void text(const Term& term, Step& step) {
     if (term.text.empty()) {
-      node.op = Op::yes;
+      step.method = Method::all;
       return;
     }
     if (term.fullPath) {
-      if (!term.wildcard && !term.whole && term.text.size() == term.raw.size()) path(term, node);
-      return;
+      if (!term.wildcard && !term.whole && term.text.size() == term.raw.size()) path(term, step);
+      return;  // otherwise row by row
     }
-    // Names: every literal run of the term (the whole text, or the runs
-    // between wildcards) occurs in a matching name, and `raw` folds unit by
-    // unit to `text`, so a matching name's mask holds every run's mask.
-    std::uint64_t mask = 0;
-    const Text& raw = term.raw;
-    std::size_t begin = 0;
-    for (std::size_t i = 0; i <= raw.size(); ++i) {
-      const bool end = i == raw.size() || (term.wildcard && (raw[i] == u'*' || raw[i] == u'?'));
-      if (!end) continue;
-      if (i - begin >= 2) mask |= SearchIndex::gramMask(index_.compatibility(), TextView(raw).substr(begin, i - begin));
-      begin = i + 1;
-    }
-    if (mask == 0 && term.wildcard) return;
-    filter_.grams = filter_.grams || mask != 0;
-    node.mask = mask;
-    node.cost = 1;
+    const std::int64_t n = rows();
     if (term.wildcard) {
-      node.op = Op::gram;
+      // The literal start and end of the pattern, up to the first and from
+      // the last wildcard.
+      const Text& raw = term.raw;
+      const std::size_t first = raw.find_first_of(u"*?");
+      const std::size_t last = raw.find_last_of(u"*?");
+      if (nameRanges(term, first, raw.size() - 1 - last, step)) return;
+      if (term.nameGrams != 0) {
+        step.method = Method::pattern;
+        step.mask = term.nameGrams;
+        step.estimate = n / 8;
+      }
       return;
     }
-    // A plain text is decided here: the bigram test, then the text itself.
-    node.op = Op::name;
-    node.text = term.text;
-    node.sensitive = term.sensitive;
-    node.whole = term.whole;
-    node.cost = 3;
-  }
-
-  void extension(const Term& term, Node& node) {
-    std::vector<std::uint8_t> hits(65536, 0);
-    for (const Text& listed : term.extensions)
-      for (const std::int32_t id : index_.extensionIdsMatching(listed, term.sensitive))
-        if (id >= 0 && id < 65536) hits[static_cast<std::size_t>(id)] = 1;
-    node.op = Op::extension;
-    node.table = static_cast<std::uint32_t>(filter_.hits.size());
-    node.cost = 2;
-    filter_.hits.push_back(std::move(hits));
-  }
-
-  // parent: the row's parent text, trimmed as a folder path, equals the text.
-  void parent(const Term& term, Node& node) {
-    const Catalog& catalog = index_.catalog();
-    std::vector<std::uint8_t> hits(static_cast<std::size_t>(std::max(catalog.parentCount(), 0)), 0);
-    for (std::size_t p = 0; p < hits.size(); ++p) {
-      const TextView text = catalog.parentUnits(static_cast<std::uint32_t>(p));
-      hits[p] = equalsText(term, path_flavor::trimParent(catalog.pathFlavor(), text), index_.compatibility()) ? 1 : 0;
+    if (term.whole && nameRanges(term, term.text.size(), 0, step)) return;
+    if (term.text.size() == 1 && !term.whole) {
+      if (auto set = name_literal::unitsMatching(term.text[0], term.sensitive, index_.compatibility())) {
+        step.units = *set;
+        step.method = Method::units;
+        step.estimate = n / 2;
+        return;
+      }
     }
-    node.op = Op::parent;
-    node.table = static_cast<std::uint32_t>(filter_.hits.size());
-    node.cost = 1;
-    filter_.hits.push_back(std::move(hits));
+    step.method = Method::literal;
+    step.mask = term.nameGrams;
+    step.estimate = n / 16;
   }
 
-  // volume-label: the label of the row's device equals the text.
-  void volume(const Term& term, Node& node) {
-    const auto& labels = index_.catalog().parts().deviceLabels;
-    std::vector<std::uint8_t> hits(labels.size(), 0);
-    for (std::size_t d = 0; d < labels.size(); ++d)
-      hits[d] = labels[d] && equalsText(term, *labels[d], index_.compatibility()) ? 1 : 0;
-    node.op = Op::volume;
-    node.table = static_cast<std::uint32_t>(filter_.hits.size());
-    node.cost = 1;
-    filter_.hits.push_back(std::move(hits));
+  void extension(const Term& term, Step& step) {
+    if (!term.extensionHits) return;  // not prepared: row by row
+    step.method = Method::extension;
+    std::int64_t estimate = 0;
+    const auto& counts = index_.extensionCounts();
+    const auto& hits = *term.extensionHits;
+    for (std::size_t id = 0; id < hits.size() && id < SearchIndex::kExtensionOverflow; ++id)
+      if (hits[id] && id < counts.size()) estimate += counts[id];
+    if (index_.hasOverflowExtensions()) estimate += 1;
+    if (estimate == 0) return collapse(step, Method::none);
+    step.estimate = estimate;
   }
 
-  void path(const Term& term, Node& node) {
-    ExecutionPlanner::Filter::PathTerm p;
+  void parent(const Term& term, Step& step) {
+    if (!term.parentHits) return;  // not prepared: row by row
+    step.method = Method::parent;
+    std::int64_t estimate = 0;
+    const auto& hits = *term.parentHits;
+    const auto& counts = index_.parentRowCounts();
+    for (std::size_t p = 0; p < hits.size(); ++p)
+      if (hits[p]) estimate += p < counts.size() ? counts[p] : rows();
+    if (estimate == 0) return collapse(step, Method::none);
+    step.estimate = estimate;
+  }
+
+  void volume(const Term& term, Step& step) {
+    if (!term.deviceHits) return;  // not prepared: row by row
+    const auto& hits = *term.deviceHits;
+    if (!index_.catalog().parts().deviceIds || std::find(hits.begin(), hits.end(), true) == hits.end())
+      return collapse(step, Method::none);
+    step.method = Method::volume;
+    step.estimate = rows() / 2;
+  }
+
+  void path(const Term& term, Step& step) {
+    PathTerm p;
     p.text = term.text;
     p.sensitive = term.sensitive;
     p.mask = SearchIndex::gramMask(index_.compatibility(), term.raw);
+    const Catalog& catalog = index_.catalog();
+    const PathFlavor flavor = catalog.pathFlavor();
+    // A unit of the text that only separators fold to (or are).
+    const auto& fold = index_.compatibility().searchTable();
+    for (const Unit x : p.text) {
+      bool onlySeparators = true, any = false;
+      for (std::uint32_t u = 0; u < 65536 && onlySeparators; ++u) {
+        if ((p.sensitive ? u : fold[u]) != x) continue;
+        any = true;
+        onlySeparators = path_flavor::isSeparator(flavor, static_cast<Unit>(u));
+      }
+      if (any && onlySeparators) {
+        p.needsSeparator = true;
+        break;
+      }
+    }
     const std::size_t m = p.text.size();
     p.failure.assign(m, 0);
     for (std::size_t i = 1, k = 0; i < m; ++i) {
@@ -342,10 +405,9 @@ class FilterCompiler {
       if (p.text[i] == p.text[k]) ++k;
       p.failure[i] = static_cast<std::int32_t>(k);
     }
-    const Catalog& catalog = index_.catalog();
     const std::int32_t parents = catalog.parentCount();
     p.parentState.assign(static_cast<std::size_t>(std::max(parents, 0)), 0);
-    const ExecutionPlanner::Filter& filter = filter_;
+    const Compatibility& table = index_.compatibility();
     Parallel::chunks(parents, 1, 1 << 12, [&](std::int64_t begin, std::int64_t end) {
       for (auto i = begin; i < end; ++i) {
         const TextView units = catalog.parentUnits(static_cast<std::uint32_t>(i));
@@ -356,16 +418,16 @@ class FilterCompiler {
             cut = true;
             break;
           }
-          state = filter.advance(p, state, unit, index_.compatibility());
+          state = ExecutionPlanner::Filter::advance(p, state, unit, table);
           if (state == static_cast<std::int32_t>(m)) break;
         }
         p.parentState[static_cast<std::size_t>(i)] =
             state == static_cast<std::int32_t>(m) ? kFound : cut ? kCut : state;
       }
     });
-    node.op = Op::path;
-    node.table = static_cast<std::uint32_t>(filter_.paths.size());
-    node.cost = 16;
+    step.method = Method::path;
+    step.path = static_cast<std::uint32_t>(filter_.paths.size());
+    step.estimate = p.needsSeparator ? rows() / 8 : rows() / 4;
     filter_.paths.push_back(std::move(p));
   }
 
@@ -373,17 +435,337 @@ class FilterCompiler {
   ExecutionPlanner::Filter& filter_;
 };
 
+ExecutionPlanner::Strategy strategyOf(Method method) noexcept {
+  using S = ExecutionPlanner::Strategy;
+  switch (method) {
+    case Method::all: return S::all;
+    case Method::none: return S::none;
+    case Method::rows: return S::scan;
+    case Method::literal: return S::nameLiteral;
+    case Method::literalOr: return S::literalOr;
+    case Method::units: return S::nameUnits;
+    case Method::prefix: return S::namePrefix;
+    case Method::suffix: return S::nameSuffix;
+    case Method::pattern: return S::gramScan;
+    case Method::extension: return S::extension;
+    case Method::parent: return S::parent;
+    case Method::path: return S::path;
+    case Method::volume: return S::volume;
+    case Method::numeric: return S::filterScan;
+    case Method::allOf:
+    case Method::anyOf:
+    case Method::negate: return S::combined;
+  }
+  return S::scan;
+}
+
+// Runs the steps of one plan as bitsets over the source's rows. A pool
+// (absent: every row) limits every step to its members.
+class Evaluator {
+ public:
+  Evaluator(const SearchIndex& index, const ExecutionPlanner::Filter& filter, ExecutionPlanner::Groups& groups,
+            std::int64_t minimum)
+      : index_(index),
+        catalog_(index.catalog()),
+        table_(index.compatibility()),
+        filter_(filter),
+        groups_(groups),
+        n_(catalog_.count()),
+        minimum_(minimum),
+        fold_(table_.searchTable().data()) {}
+
+  Bitset run(std::uint32_t at, const Bitset* pool) {
+    const Step& step = filter_.steps[at];
+    switch (step.method) {
+      case Method::all: return pool ? *pool : everyRow();
+      case Method::none: return Bitset(n_);
+      case Method::rows:
+        return perRow(pool, [&](std::int32_t r) { return Query::matches(*step.term, catalog_, r, table_); });
+      case Method::literal: return literal(step, pool);
+      case Method::literalOr: return literalOr(step, pool);
+      case Method::units: return units(step, pool);
+      case Method::prefix:
+      case Method::suffix: return candidates(step, pool);
+      case Method::pattern: {
+        const std::uint64_t* masks = index_.nameGramMasks().data();
+        return perRow(pool, [&](std::int32_t r) {
+          return (masks[r] & step.mask) == step.mask && Query::wildcard(*step.term, catalog_.nameUnits(r), table_);
+        });
+      }
+      case Method::extension: return extension(step, pool);
+      case Method::parent: return parent(step, pool);
+      case Method::path: return path(step, pool);
+      case Method::volume: {
+        const auto& hits = *step.term->deviceHits;
+        return perRow(pool, [&](std::int32_t r) {
+          const std::uint16_t id = catalog_.deviceId(r);
+          return id < hits.size() && hits[id];
+        });
+      }
+      case Method::numeric:
+        return perRow(pool, [&](std::int32_t r) { return QueryOptimizer::passes(step.numeric, catalog_, r); });
+      case Method::allOf: {
+        Bitset acc = run(step.children.front(), pool);
+        for (std::size_t i = 1; i < step.children.size() && !acc.none(); ++i) acc = run(step.children[i], &acc);
+        return acc;
+      }
+      case Method::anyOf: {
+        Bitset acc = run(step.children.front(), pool);
+        for (std::size_t i = 1; i < step.children.size(); ++i) acc.unite(run(step.children[i], pool));
+        return acc;
+      }
+      case Method::negate: {
+        Bitset out = pool ? *pool : everyRow();
+        out.subtract(run(step.children.front(), pool));
+        return out;
+      }
+    }
+    return Bitset(n_);
+  }
+
+ private:
+  Bitset everyRow() const {
+    Bitset all(n_);
+    all.setRange(0, n_);
+    return all;
+  }
+
+  // The pool's word w, or every row of word w.
+  std::uint64_t poolWord(const Bitset* pool, std::int64_t w) const noexcept {
+    if (pool) return pool->words()[static_cast<std::size_t>(w)];
+    const std::int64_t left = n_ - (w << 6);
+    return left >= 64 ? ~std::uint64_t(0) : (std::uint64_t(1) << left) - 1;
+  }
+
+  static std::int64_t members(const Bitset* pool) { return pool ? pool->count() : -1; }
+
+  // Rows of the pool for which `test` holds, in parallel chunks of whole words.
+  template <class Test>
+  Bitset perRow(const Bitset* pool, Test test) const {
+    Bitset out(n_);
+    std::uint64_t* words = out.words().data();
+    Parallel::chunks(n_, 64, minimum_, [&](std::int64_t begin, std::int64_t end) {
+      for (std::int64_t w = begin >> 6; w << 6 < end; ++w) {
+        std::uint64_t candidates = poolWord(pool, w);
+        std::uint64_t bits = 0;
+        while (candidates != 0) {
+          const int b = std::countr_zero(candidates);
+          candidates &= candidates - 1;
+          if (test(static_cast<std::int32_t>((w << 6) + b))) bits |= std::uint64_t(1) << b;
+        }
+        words[w] = bits;
+      }
+    });
+    return out;
+  }
+
+  // Rows whose name-bigram mask holds `mask`, in the pool, then `test`.
+  template <class Test>
+  Bitset maskScan(const Bitset* pool, std::uint64_t mask, Test test) const {
+    const std::uint64_t* masks = index_.nameGramMasks().data();
+    Bitset out(n_);
+    std::uint64_t* words = out.words().data();
+    Parallel::chunks(n_, 64, minimum_, [&](std::int64_t begin, std::int64_t end) {
+      for (std::int64_t w = begin >> 6; w << 6 < end; ++w) {
+        const std::int64_t first = w << 6;
+        std::uint64_t candidates = poolWord(pool, w);
+        if (candidates == 0) {
+          words[w] = 0;
+          continue;
+        }
+        // Branch-free over the word's masks, then the few survivors.
+        std::uint64_t held = 0;
+        const std::int64_t count = std::min<std::int64_t>(64, n_ - first);
+        for (std::int64_t i = 0; i < count; ++i)
+          held |= std::uint64_t((masks[first + i] & mask) == mask) << i;
+        candidates &= held;
+        std::uint64_t bits = 0;
+        while (candidates != 0) {
+          const int b = std::countr_zero(candidates);
+          candidates &= candidates - 1;
+          if (test(static_cast<std::int32_t>(first + b))) bits |= std::uint64_t(1) << b;
+        }
+        words[w] = bits;
+      }
+    });
+    return out;
+  }
+
+  Bitset literal(const Step& step, const Bitset* pool) const {
+    const Term& term = *step.term;
+    const TextView text = term.text;
+    if (term.whole)
+      return maskScan(pool, step.mask, [&](std::int32_t r) { return Query::textMatches(term, catalog_.nameUnits(r), table_); });
+    const bool sensitive = term.sensitive;
+    return maskScan(pool, step.mask, [&](std::int32_t r) {
+      return name_literal::contains(catalog_.nameUnits(r), text, sensitive, fold_);
+    });
+  }
+
+  Bitset literalOr(const Step& step, const Bitset* pool) const {
+    const MultiLiteralOr& alternatives = *step.term->literalOr;
+    const std::uint64_t* masks = index_.nameGramMasks().data();
+    return maskScan(pool, alternatives.commonMask, [&](std::int32_t r) {
+      const std::uint64_t m = masks[r];
+      const TextView name = catalog_.nameUnits(r);
+      for (const MultiLiteralOr::Literal& literal : alternatives.literals)
+        if ((m & literal.mask) == literal.mask && name_literal::contains(name, literal.text, literal.sensitive, fold_))
+          return true;
+      return false;
+    });
+  }
+
+  Bitset units(const Step& step, const Bitset* pool) const {
+    // A sparse pool is cheaper to test row by row than to scan all names.
+    if (pool && pool->count() * 8 < n_) {
+      const Term& term = *step.term;
+      return perRow(pool, [&](std::int32_t r) {
+        return name_literal::contains(catalog_.nameUnits(r), term.text, term.sensitive, fold_);
+      });
+    }
+    Bitset out(n_);
+    std::uint64_t* words = out.words().data();
+    const std::uint64_t* poolWords = pool ? pool->words().data() : nullptr;
+    Parallel::chunks(n_, 64, minimum_, [&](std::int64_t begin, std::int64_t end) {
+      name_literal::scanUnits(catalog_, step.units, begin, end, poolWords, words);
+    });
+    return out;
+  }
+
+  // Sets the rows of `rows` that are in the pool and pass `test`; chunks
+  // share words, so bits are set atomically.
+  template <class Test>
+  void setCandidates(std::span<const std::int32_t> rows, const Bitset* pool, Bitset& out, Test test) const {
+    std::uint64_t* words = out.words().data();
+    const std::uint64_t* poolWords = pool ? pool->words().data() : nullptr;
+    Parallel::chunks(static_cast<std::int64_t>(rows.size()), 1, minimum_, [&](std::int64_t begin, std::int64_t end) {
+      for (auto i = begin; i < end; ++i) {
+        const std::int32_t r = rows[static_cast<std::size_t>(i)];
+        // Lists mapped from an index file are not checked at load: an entry
+        // past the rows (a damaged file) is skipped, not looked up.
+        if (static_cast<std::uint64_t>(r) >= static_cast<std::uint64_t>(n_)) continue;
+        const std::uint64_t bit = std::uint64_t(1) << (r & 63);
+        if (poolWords && (poolWords[r >> 6] & bit) == 0) continue;
+        if (!test(r)) continue;
+        std::atomic_ref<std::uint64_t>(words[r >> 6]).fetch_or(bit, std::memory_order_relaxed);
+      }
+    });
+  }
+
+  // Candidates from the name order or the reversed-name order, then the
+  // term's own rule on each; names holding NUL units are tested on their own.
+  Bitset candidates(const Step& step, const Bitset* pool) const {
+    const Term& term = *step.term;
+    auto test = [&](std::int32_t r) { return Query::textMatches(term, catalog_.nameUnits(r), table_); };
+    if (pool && pool->count() < step.estimate) return perRow(pool, test);
+    const NameCandidates& names = *index_.names();
+    const Column<std::int32_t>& order = step.method == Method::prefix ? names.nameOrder() : names.reverseOrder();
+    Bitset out(n_);
+    for (const NameCandidates::Range& range : step.ranges)
+      if (range.size() > 0)
+        setCandidates({order.data() + range.begin, static_cast<std::size_t>(range.size())}, pool, out, test);
+    setCandidates(names.nulNames().span(), pool, out, test);
+    return out;
+  }
+
+  Bitset extension(const Step& step, const Bitset* pool) const {
+    const Term& term = *step.term;
+    if (pool && pool->count() < step.estimate)
+      return perRow(pool, [&](std::int32_t r) { return Query::matches(term, catalog_, r, table_); });
+    std::call_once(groups_.extensionOnce, [&] {
+      const std::uint16_t* ids = index_.extensionIds().data();
+      groups_.byExtension = RowGroups::build(static_cast<std::int32_t>(n_), 65536, [&](std::int32_t r) { return ids[r]; });
+    });
+    Bitset out(n_);
+    const auto& hits = *term.extensionHits;
+    auto file = [&](std::int32_t r) { return !catalog_.isDirectory(r); };
+    for (std::size_t id = 0; id < hits.size() && id < SearchIndex::kExtensionOverflow; ++id)
+      if (hits[id]) setCandidates(groups_.byExtension.of(id), pool, out, file);
+    if (index_.hasOverflowExtensions())
+      setCandidates(groups_.byExtension.of(SearchIndex::kExtensionOverflow), pool, out,
+                    [&](std::int32_t r) { return Query::matches(term, catalog_, r, table_); });
+    return out;
+  }
+
+  void ensureParents() const {
+    std::call_once(groups_.parentOnce, [&] {
+      groups_.byParent = RowGroups::build(static_cast<std::int32_t>(n_),
+                                          static_cast<std::size_t>(std::max(catalog_.parentCount(), 0)),
+                                          [&](std::int32_t r) { return catalog_.parentIndex(r); });
+    });
+  }
+
+  Bitset parent(const Step& step, const Bitset* pool) const {
+    const auto& hits = *step.term->parentHits;
+    if (pool && pool->count() < step.estimate)
+      return perRow(pool, [&](std::int32_t r) { return static_cast<bool>(hits[catalog_.parentIndex(r)]); });
+    ensureParents();
+    Bitset out(n_);
+    for (std::size_t p = 0; p < hits.size(); ++p)
+      if (hits[p]) setCandidates(groups_.byParent.of(p), pool, out, [](std::int32_t) { return true; });
+    return out;
+  }
+
+  Bitset path(const Step& step, const Bitset* pool) const {
+    const PathTerm& term = filter_.paths[step.path];
+    auto test = [&](std::int32_t r) { return ExecutionPlanner::Filter::pathMatches(term, index_, r); };
+    if (!term.needsSeparator) return perRow(pool, test);
+    // Only rows whose parent leaves something pending, and rows whose name
+    // holds a separator, can match.
+    std::int64_t pending = 0;
+    const auto& counts = index_.parentRowCounts();
+    for (std::size_t p = 0; p < term.parentState.size(); ++p)
+      if (term.parentState[p] != 0 && term.parentState[p] != kCut) pending += p < counts.size() ? counts[p] : n_;
+    if (pending > n_ / 4 || (pool && pool->count() < pending)) return perRow(pool, test);
+    ensureParents();
+    Bitset out(n_);
+    for (std::size_t p = 0; p < term.parentState.size(); ++p) {
+      const std::int32_t state = term.parentState[p];
+      if (state == 0 || state == kCut) continue;
+      if (state == kFound) setCandidates(groups_.byParent.of(p), pool, out, [](std::int32_t) { return true; });
+      else setCandidates(groups_.byParent.of(p), pool, out, test);
+    }
+    // Rows with a separator in the name, whatever their parent.
+    const std::span<const std::uint64_t> separators = index_.separatorNames();
+    Bitset named(std::vector<std::uint64_t>(separators.begin(), separators.end()));
+    named.words().resize(Bitset::wordCount(n_), 0);
+    if (pool) named.intersect(*pool);
+    out.unite(perRow(&named, test));
+    return out;
+  }
+
+  const SearchIndex& index_;
+  const Catalog& catalog_;
+  const Compatibility& table_;
+  const ExecutionPlanner::Filter& filter_;
+  ExecutionPlanner::Groups& groups_;
+  std::int64_t n_;
+  std::int64_t minimum_;
+  const std::uint16_t* fold_;
+};
+
 }  // namespace
 
 ExecutionPlanner::ExecutionPlanner(SearchIndexPtr index, std::int64_t scanMinimum)
-    : index_(std::move(index)), scanMinimum_(scanMinimum < 1 ? 1 : scanMinimum) {}
+    : index_(std::move(index)), scanMinimum_(scanMinimum < 1 ? 1 : scanMinimum), groups_(std::make_shared<Groups>()) {}
 
 std::string_view ExecutionPlanner::name(Strategy strategy) noexcept {
   switch (strategy) {
     case Strategy::all: return "all";
+    case Strategy::none: return "none";
     case Strategy::scan: return "scan";
     case Strategy::gramScan: return "gram-scan";
     case Strategy::filterScan: return "filter-scan";
+    case Strategy::nameLiteral: return "name-literal";
+    case Strategy::literalOr: return "literal-or";
+    case Strategy::nameUnits: return "name-units";
+    case Strategy::namePrefix: return "name-prefix";
+    case Strategy::nameSuffix: return "name-suffix";
+    case Strategy::extension: return "extension";
+    case Strategy::parent: return "parent";
+    case Strategy::path: return "path";
+    case Strategy::volume: return "volume";
+    case Strategy::combined: return "combined";
   }
   return "scan";
 }
@@ -397,71 +779,27 @@ ExecutionPlanner::Plan ExecutionPlanner::plan(TextView query, std::optional<Quer
     plan.strategy = Strategy::all;
     return plan;
   }
+  QueryOptimizer::prepare(*plan.root, *index_);
   auto filter = std::make_shared<Filter>();
-  FilterCompiler(*index_, *filter).compile(*plan.root, 0);
-  if (filter->nodes.front().op == Op::maybe) {
-    plan.strategy = Strategy::scan;
-    return plan;
-  }
-  plan.strategy = filter->grams ? Strategy::gramScan : Strategy::filterScan;
+  Compiler(*index_, *filter).compile(*plan.root, 0);
+  plan.strategy = strategyOf(filter->steps.front().method);
   plan.filter = std::move(filter);
   return plan;
 }
 
 ExecutionPlanner::Selection ExecutionPlanner::run(const Plan& plan) const {
-  const Catalog& catalog = index_->catalog();
-  const Compatibility& compatibility = index_->compatibility();
-  const std::int64_t n = catalog.count();
+  const std::int64_t n = index_->catalog().count();
   Selection selection;
   selection.strategy = plan.strategy;
-  selection.rows = Bitset(n);
-  if (plan.strategy == Strategy::all) {
+  if (plan.strategy == Strategy::all || !plan.filter) {
+    selection.rows = Bitset(n);
     selection.rows.setRange(0, n);
     selection.count = n;
     return selection;
   }
-
-  const Term& root = *plan.root;
-  const Filter* filter = plan.filter.get();
-  const std::uint64_t* masks = index_->nameGramMasks().data();
-  // A root that is one bigram test (a pattern or a plain name text): rows
-  // without the bits are passed over before anything else is read.
-  const Op rootOp = filter != nullptr ? filter->nodes.front().op : Op::maybe;
-  const std::uint64_t onlyGrams = rootOp == Op::gram || rootOp == Op::name ? filter->nodes.front().mask : 0;
-  std::vector<std::uint64_t>& words = selection.rows.words();
-  // Chunks own whole words (alignment 64), so they write without sharing.
-  const Parallel::Plan chunking = Parallel::plan(n, 64, scanMinimum_);
-  std::vector<std::int64_t> counts(static_cast<std::size_t>(chunking.chunks), 0);
-  Parallel::chunks(n, 64, scanMinimum_, [&](std::int64_t begin, std::int64_t end) {
-    std::int64_t found = 0;
-    for (std::int64_t w = begin >> 6; w << 6 < end; ++w) {
-      std::uint64_t bits = 0;
-      const std::int64_t first = w << 6;
-      const std::int64_t last = std::min(first + 64, end);
-      if (onlyGrams != 0) {
-        // One bigram test decides most rows: a tight loop over the masks.
-        for (std::int64_t row = first; row < last; ++row) {
-          if ((masks[row] & onlyGrams) != onlyGrams) continue;
-          const auto r = static_cast<std::int32_t>(row);
-          const Answer answer = filter->decide(*index_, r);
-          if (answer == kYes || (answer == kMaybe && Query::matches(root, catalog, r, compatibility)))
-            bits |= std::uint64_t(1) << (row - first);
-        }
-      } else {
-        for (std::int64_t row = first; row < last; ++row) {
-          const auto r = static_cast<std::int32_t>(row);
-          const Answer answer = filter != nullptr ? filter->decide(*index_, r) : kMaybe;
-          if (answer == kYes || (answer == kMaybe && Query::matches(root, catalog, r, compatibility)))
-            bits |= std::uint64_t(1) << (row - first);
-        }
-      }
-      words[static_cast<std::size_t>(w)] = bits;
-      found += std::popcount(bits);
-    }
-    const auto chunk = chunking.serial ? 0 : static_cast<std::size_t>(begin / chunking.length);
-    counts[chunk] = found;
-  });
-  for (const std::int64_t c : counts) selection.count += c;
+  Evaluator evaluator(*index_, *plan.filter, *groups_, scanMinimum_);
+  selection.rows = evaluator.run(0, nullptr);
+  selection.count = selection.rows.count();
   return selection;
 }
 

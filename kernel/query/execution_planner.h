@@ -5,21 +5,43 @@
 // rows. Query::matches is the definition of a correct answer; every strategy
 // returns exactly the rows it accepts.
 //
-// Strategies:
-//   "all"         the query is always true (the empty query): every row, no test.
-//   "scan"        every row tested with Query::matches.
-//   "gram-scan"   a row filter decides first; it holds name-bigram tests: a
-//                 name whose mask lacks a bit of a required literal's mask
-//                 (a plain name term, or a literal run of a name pattern)
-//                 cannot match and is skipped untested.
-//   "filter-scan" a row filter without bigram tests decides first.
-// The row filter is a small tree compiled from the query that answers yes,
-// no or maybe per row from cheap facts (operands cheapest first, stopping as
-// soon as the answer is known): name-bigram masks, extension ids, the folder
-// bit, and for path terms the matching state at the end of each parent text
-// (computed once per parent), continued over the name; plain name texts are
-// decided by their bigram test and then the text itself. Only "maybe" rows
-// are tested with Query::matches.
+// The query is parsed, marked and prepared by the query optimizer; then
+// every term of the tree gets the cheapest method its structures allow, and
+// the plan is evaluated as bitsets over the source's rows: an and narrows a
+// pool of rows operand by operand (cheapest, most selective first, the
+// numeric and type operands merged into one test), an or unites, a not
+// subtracts. Named strategies (the method of the root term):
+//   "all"           always true (the empty query): every row, no test.
+//   "none"          provably empty (ext: of an extension no row has, an
+//                   unmatched parent: or volume-label:, ...): no row read.
+//   "name-literal"  a plain name text: rows whose name-bigram mask lacks a
+//                   bit of the text's mask are skipped unread; the others
+//                   are searched for the text (first unit, then the rest).
+//   "literal-or"    an or of name literals, all tested in one such pass.
+//   "name-units"    a one-unit name text: the name units of all rows are
+//                   scanned in bulk for the units that fold to it.
+//   "name-prefix"   a pattern or whole name with a literal start: a binary
+//                   search in the name order gives the candidates.
+//   "name-suffix"   a pattern with a literal end (*.so): a binary search in
+//                   the reversed-name order gives the candidates.
+//   "gram-scan"     a pattern without a usable end: bigram test of its
+//                   literal runs, then the pattern.
+//   "extension"     ext: and type macros: the extension ids are decided
+//                   once, the rows come from the rows grouped by extension.
+//   "parent"        parent:, decided once per parent text; rows by parent.
+//   "path"          a literal over full paths: a prefix automaton runs once
+//                   per parent text; only rows whose parent leaves a partial
+//                   match (or whose name holds a separator, when the text
+//                   does) read their names.
+//   "volume"        volume-label:, decided once per device.
+//   "filter-scan"   size, date, file: and folder: terms: one merged
+//                   per-row test of the columns.
+//   "combined"      and / or / not over the above.
+//   "scan"          the rest (full-path patterns, trees too deep or too
+//                   large): Query::matches per row.
+// Every method returns exactly the rows Query::matches accepts; where a
+// structure cannot answer for a row (names holding NUL units, extensions
+// beyond the id range) that row is tested on its own.
 //
 // Holds the search index (and through it the catalog and tables) alive.
 // Immutable; select() may run on several threads at once. Never throws on
@@ -39,15 +61,20 @@ namespace tarv {
 
 class ExecutionPlanner {
  public:
-  enum class Strategy { all, scan, gramScan, filterScan };
+  enum class Strategy {
+    all, none, scan, gramScan, filterScan, nameLiteral, literalOr, nameUnits, namePrefix, nameSuffix, extension,
+    parent, path, volume, combined
+  };
 
-  // The compiled row filter (execution_planner.cpp).
+  // The evaluation steps chosen for the tree (execution_planner.cpp).
   struct Filter;
+  // Row lists grouped by extension id and by parent, built on first use.
+  struct Groups;
 
   struct Plan {
     Query::TermPtr root;
     Strategy strategy = Strategy::scan;
-    std::shared_ptr<const Filter> filter;  // absent for "all" and "scan"
+    std::shared_ptr<const Filter> filter;  // absent for "all"
   };
 
   // The rows of one source that match.
@@ -75,12 +102,13 @@ class ExecutionPlanner {
 
   const SearchIndex& index() const noexcept { return *index_; }
 
-  // "all", "scan", "gram-scan", "filter-scan".
+  // The strategy names listed above.
   static std::string_view name(Strategy strategy) noexcept;
 
  private:
   SearchIndexPtr index_;
   std::int64_t scanMinimum_;
+  std::shared_ptr<Groups> groups_;  // shared by copies of this planner
 };
 
 }  // namespace tarv

@@ -1,0 +1,65 @@
+#pragma once
+// Literal search in names, the inner loops of the name strategies: a folded
+// (or case-sensitive) run of units found in one name, and the bulk scan of a
+// catalog's name units for the few units that fold to one given unit.
+//
+// Stateless functions over borrowed views; thread-safe; no allocation.
+
+#include <cstdint>
+#include <optional>
+#include <span>
+
+#include "kernel/base/text.h"
+#include "kernel/catalog/catalog.h"
+#include "kernel/catalog/compatibility.h"
+
+namespace tarv::name_literal {
+
+// Whether `text` occurs in `name`: unit by unit equal (sensitive) or with
+// each name unit folded through `fold` (text already folded). The first
+// unit is looked for before the rest is compared.
+inline bool contains(TextView name, TextView text, bool sensitive, const std::uint16_t* fold) noexcept {
+  const std::size_t m = text.size();
+  if (m == 0) return true;
+  if (name.size() < m) return false;
+  if (sensitive) return name.find(text) != TextView::npos;
+  const Unit first = text[0];
+  const std::size_t last = name.size() - m;
+  for (std::size_t i = 0; i <= last; ++i) {
+    if (fold[name[i]] != first) continue;
+    std::size_t j = 1;
+    while (j < m && fold[name[i + j]] == text[j]) ++j;
+    if (j == m) return true;
+  }
+  return false;
+}
+
+// The units a name may hold where one folded unit is wanted: the ASCII ones
+// listed, the others (when `wide`) confirmed through the fold table. Names
+// are mostly ASCII, so the bulk scan compares a few ASCII units and stops at
+// any wider unit.
+struct UnitSet {
+  static constexpr std::size_t kMaxAscii = 4;
+  Unit ascii[kMaxAscii] = {};
+  std::size_t asciiCount = 0;
+  bool wide = false;  // some non-ASCII unit is wanted too
+  Unit target = 0;    // the wanted unit: folded, or as typed when sensitive
+  bool sensitive = false;
+  const std::uint16_t* fold = nullptr;
+
+  bool accepts(Unit u) const noexcept { return (sensitive ? u : static_cast<Unit>(fold[u])) == target; }
+};
+
+// The set for `unit` (already folded unless sensitive); nothing when NUL (the
+// terminator of stored names) would be wanted or too many ASCII units fold
+// to it.
+std::optional<UnitSet> unitsMatching(Unit unit, bool sensitive, const Compatibility& compatibility);
+
+// Sets in `words` (bit r for row r, words owned by the caller for rows
+// begin ..< end, begin a multiple of 64) every row of `catalog` in that
+// range whose name holds a unit of `set` and whose bit is set in `pool`
+// (absent: every row). Returns the number of rows set.
+std::int64_t scanUnits(const Catalog& catalog, const UnitSet& set, std::int64_t begin, std::int64_t end,
+                       const std::uint64_t* pool, std::uint64_t* words) noexcept;
+
+}  // namespace tarv::name_literal

@@ -1,0 +1,200 @@
+#include "kernel/query/query_optimizer.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "kernel/catalog/catalog.h"
+#include "kernel/query/parallel.h"
+#include "kernel/query/search_index.h"
+
+namespace tarv {
+namespace {
+
+using Kind = Query::Kind;
+using Term = Query::Term;
+
+bool equalsText(const Term& term, TextView subject, const Compatibility& table) noexcept {
+  if (subject.size() != term.text.size()) return false;
+  for (std::size_t i = 0; i < subject.size(); ++i)
+    if (term.text[i] != (term.sensitive ? subject[i] : table.fold(subject[i]))) return false;
+  return true;
+}
+
+std::vector<bool> extensionHits(const Term& term, const SearchIndex& index) {
+  std::vector<bool> hits(index.extensions().size(), false);
+  for (const Text& listed : term.extensions)
+    for (const std::int32_t id : index.extensionIdsMatching(listed, term.sensitive))
+      if (id >= 0 && static_cast<std::size_t>(id) < hits.size()) hits[static_cast<std::size_t>(id)] = true;
+  return hits;
+}
+
+// parent: the row's parent text, trimmed as a folder path, equals the text.
+std::vector<bool> parentHits(const Term& term, const SearchIndex& index) {
+  const Catalog& catalog = index.catalog();
+  const auto parents = static_cast<std::size_t>(std::max(catalog.parentCount(), 0));
+  // Bytes, not bits, while chunks write side by side.
+  std::vector<std::uint8_t> bytes(parents, 0);
+  Parallel::chunks(static_cast<std::int64_t>(parents), 1, 1 << 14, [&](std::int64_t begin, std::int64_t end) {
+    for (auto p = begin; p < end; ++p) {
+      const TextView text = catalog.parentUnits(static_cast<std::uint32_t>(p));
+      // A trailing separator is the only thing trimming removes.
+      if (text.size() != term.text.size() && text.size() != term.text.size() + 1) continue;
+      bytes[static_cast<std::size_t>(p)] =
+          equalsText(term, path_flavor::trimParent(catalog.pathFlavor(), text), index.compatibility()) ? 1 : 0;
+    }
+  });
+  return std::vector<bool>(bytes.begin(), bytes.end());
+}
+
+std::vector<bool> deviceHits(const Term& term, const SearchIndex& index) {
+  const auto& labels = index.catalog().parts().deviceLabels;
+  std::vector<bool> hits(labels.size(), false);
+  for (std::size_t d = 0; d < labels.size(); ++d)
+    hits[d] = labels[d].has_value() && equalsText(term, *labels[d], index.compatibility());
+  return hits;
+}
+
+void prepareOr(Term& term) {
+  auto literals = std::make_shared<MultiLiteralOr>();
+  literals->commonMask = ~std::uint64_t(0);
+  for (std::size_t i = 0; i < term.children.size(); ++i) {
+    const Term& child = *term.children[i];
+    if (!QueryOptimizer::isNameLiteral(child)) continue;
+    literals->literals.push_back({child.text, child.sensitive, child.nameGrams});
+    literals->literalChildren.push_back(i);
+    literals->commonMask &= child.nameGrams;
+  }
+  if (literals->literals.size() >= 2) term.literalOr = std::move(literals);
+}
+
+void prepareAnd(Term& term) {
+  Query::NumericFilter filter;
+  int merged = 0;
+  for (const Query::TermPtr& child : term.children) {
+    if (!QueryOptimizer::isNumeric(*child)) continue;
+    QueryOptimizer::merge(filter, *child);
+    ++merged;
+  }
+  if (merged >= 2) {
+    term.numericFilter = filter;
+    term.numericAnd = true;
+    term.numericFields = filter.fields;
+    term.numericTypes = filter.types;
+  }
+}
+
+}  // namespace
+
+bool QueryOptimizer::isNameLiteral(const Term& term) noexcept {
+  return term.kind == Kind::text && !term.fullPath && !term.wildcard && !term.whole && term.text.size() >= 2 &&
+         term.text.size() == term.raw.size();
+}
+
+bool QueryOptimizer::isNumeric(const Term& term) noexcept {
+  switch (term.kind) {
+    case Kind::size:
+    case Kind::modified:
+    case Kind::created:
+    case Kind::allocated:
+    case Kind::file:
+    case Kind::folder: return true;
+    default: return false;
+  }
+}
+
+void QueryOptimizer::merge(Query::NumericFilter& filter, const Term& term) {
+  auto field = [&](Query::Bounds& bounds, int bit) {
+    filter.fields |= bit;
+    if (term.unknown) {
+      bounds.unknown = true;
+      // Without real folder sizes a folder's unknown size says nothing.
+      if (term.kind == Kind::size && !term.sizeFolders) filter.types &= 1;
+    } else {
+      bounds.known = true;
+      bounds.low = std::max(bounds.low, term.low);
+      bounds.high = std::min(bounds.high, term.high);
+    }
+  };
+  switch (term.kind) {
+    case Kind::file: filter.types &= 1; break;
+    case Kind::folder: filter.types &= 2; break;
+    case Kind::size: field(filter.size, 1); break;
+    case Kind::modified: field(filter.modified, 2); break;
+    case Kind::created: field(filter.created, 4); break;
+    case Kind::allocated: field(filter.allocated, 8); break;
+    default: break;
+  }
+}
+
+bool QueryOptimizer::passes(const Query::NumericFilter& filter, const Catalog& catalog, std::int32_t row) noexcept {
+  const int type = catalog.isDirectory(row) ? 2 : 1;
+  if ((filter.types & type) == 0) return false;
+  auto within = [](const Query::Bounds& bounds, std::uint64_t value) {
+    if (bounds.unknown && value != kUnknown64) return false;
+    if (bounds.known && (value == kUnknown64 || value < bounds.low || value > bounds.high)) return false;
+    return true;
+  };
+  if ((filter.fields & 1) && !within(filter.size, catalog.rawSize(row))) return false;
+  if ((filter.fields & 2) && !within(filter.modified, catalog.rawModified(row))) return false;
+  if ((filter.fields & 4) && !within(filter.created, catalog.rawCreated(row))) return false;
+  if ((filter.fields & 8) && !within(filter.allocated, catalog.rawAllocated(row))) return false;
+  return true;
+}
+
+std::uint64_t QueryOptimizer::literalRunMask(const Term& term, const SearchIndex& index) {
+  // Every literal run of the term (the whole text, or the runs between
+  // wildcards) occurs in a matching name, and `raw` folds unit by unit to
+  // `text`, so a matching name's mask holds every run's mask.
+  if (term.kind != Kind::text || term.fullPath || term.text.size() != term.raw.size()) return 0;
+  std::uint64_t mask = 0;
+  const Text& raw = term.raw;
+  std::size_t begin = 0;
+  for (std::size_t i = 0; i <= raw.size(); ++i) {
+    const bool end = i == raw.size() || (term.wildcard && (raw[i] == u'*' || raw[i] == u'?'));
+    if (!end) continue;
+    if (i - begin >= 2) mask |= SearchIndex::gramMask(index.compatibility(), TextView(raw).substr(begin, i - begin));
+    begin = i + 1;
+  }
+  return mask;
+}
+
+void QueryOptimizer::prepare(Term& root, const SearchIndex& index) {
+  // Children first, so an or sees its literals' masks; explicit stack, with
+  // the depth bounded so a pathological tree costs no more than its size.
+  struct Entry {
+    Term* term;
+    int depth;
+    bool expanded;
+  };
+  std::vector<Entry> stack{{&root, 0, false}};
+  std::size_t expandedTerms = 0;
+  while (!stack.empty()) {
+    Entry& entry = stack.back();
+    Term& term = *entry.term;
+    if (!entry.expanded && entry.depth < kMaxDepth && expandedTerms < kMaxTerms &&
+        (term.kind == Kind::and_ || term.kind == Kind::or_ || term.kind == Kind::not_)) {
+      entry.expanded = true;
+      expandedTerms += 1 + term.children.size();
+      const int depth = entry.depth;
+      for (const Query::TermPtr& child : term.children) stack.push_back({child.get(), depth + 1, false});
+      continue;
+    }
+    const bool expanded = entry.expanded;
+    stack.pop_back();
+    switch (term.kind) {
+      case Kind::text: term.nameGrams = literalRunMask(term, index); break;
+      case Kind::ext: term.extensionHits = extensionHits(term, index); break;
+      case Kind::parent: term.parentHits = parentHits(term, index); break;
+      case Kind::volume: term.deviceHits = deviceHits(term, index); break;
+      case Kind::or_:
+        if (expanded) prepareOr(term);
+        break;
+      case Kind::and_:
+        if (expanded) prepareAnd(term);
+        break;
+      default: break;
+    }
+  }
+}
+
+}  // namespace tarv

@@ -1,0 +1,323 @@
+// The planner's strategies on catalogs built so that each structure is the
+// cheapest choice, each answer checked against Query::matches row by row;
+// the literal search loops on their own; the merged numeric filter against
+// the terms it replaces; and hostile queries (huge, deep, long) that must
+// stay exact and bounded.
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include "kernel/base/text.h"
+#include "kernel/catalog/catalog_builder.h"
+#include "kernel/query/execution_planner.h"
+#include "kernel/query/name_literal.h"
+#include "kernel/query/query.h"
+#include "kernel/query/query_optimizer.h"
+#include "kernel/query/search_index.h"
+#include "tests/query/query_test_support.h"
+#include "tests/support/process.h"
+
+namespace tarv {
+namespace {
+
+std::shared_ptr<const Compatibility> realTable() {
+  static const auto table =
+      Compatibility::load(std::filesystem::path(testing::sourceDir()) / "data" / "vantor-v1.json");
+  return table;
+}
+
+struct Entry {
+  Entry(std::string p, bool isFolder = false, std::uint64_t bytes = 100,
+        std::optional<std::uint64_t> deviceId = std::nullopt)
+      : path(std::move(p)), folder(isFolder), size(bytes), device(deviceId) {}
+  std::string path;
+  bool folder;
+  std::uint64_t size;
+  std::optional<std::uint64_t> device;
+};
+
+SearchIndexPtr indexOf(const std::vector<Entry>& entries, PathFlavor flavor = PathFlavor::posix,
+                       std::map<std::string, std::string> labels = {},
+                       std::shared_ptr<const Compatibility> table = realTable()) {
+  NativeCatalogBuilder builder("t", flavor, false);
+  for (const Entry& e : entries)
+    builder.add(utf16(e.path), e.folder ? 1 : 0, e.size, kUnixEpochTicks, kUnknown64, kUnknown64, e.device);
+  auto catalog = std::make_shared<Catalog>(builder.finish());
+  catalog->applyDeviceLabels(labels);
+  return std::make_shared<const SearchIndex>(catalog, std::move(table));
+}
+
+// A tree with many plain files, so candidate lists are clearly cheaper than
+// scans, and a few names of every interesting shape.
+SearchIndexPtr bigIndex() {
+  static const SearchIndexPtr index = [] {
+    std::vector<Entry> entries;
+    entries.push_back({"/usr", true});
+    entries.push_back({"/usr/share", true});
+    entries.push_back({"/usr/share/doc", true});
+    entries.push_back({"/usr/bin", true});
+    for (int i = 0; i < 3000; ++i) {
+      const std::string n = std::to_string(i);
+      entries.push_back({"/usr/share/doc/file" + n + ".txt", false, static_cast<std::uint64_t>(i),
+                         i % 2 == 0 ? std::optional<std::uint64_t>(7) : std::nullopt});
+      entries.push_back({"/usr/bin/tool" + n, false, kUnknown64});
+    }
+    for (const char* name : {"libz.so", "libc.so.6", "Makefile", "makefile.am", "README", "readme.md", "x", "K",
+                             "\xe2\x84\xaa" "elvin", "Stra\xc3\x9f" "e", "photo.JPG"})
+      entries.push_back({std::string("/usr/") + name});
+    return indexOf(entries, PathFlavor::posix, {{"7", "Disk"}});
+  }();
+  return index;
+}
+
+// The planner's rows, as a sorted list, against the plain evaluation.
+void expectExact(const ExecutionPlanner& planner, const std::string& query, const std::string& label) {
+  const SearchIndex& index = planner.index();
+  auto root = Query::parse(utf16(query), index.compatibility(), index.catalog().pathFlavor());
+  Query::markSizeSemantics(*root, index.catalog().directorySizes());
+  const ExecutionPlanner::Selection selection = planner.select(utf16(query));
+  std::int64_t expected = 0;
+  for (std::int32_t r = 0; r < index.catalog().count(); ++r) {
+    const bool want = Query::matches(*root, index.catalog(), r, index.compatibility());
+    expected += want ? 1 : 0;
+    ASSERT_EQ(selection.rows.test(r), want) << label << ": row " << r << " " << index.catalog().name(r);
+  }
+  EXPECT_EQ(selection.count, expected) << label;
+}
+
+TEST(ExecutionPlanner, EachQueryClassUsesItsStructure) {
+  struct Case {
+    const char* label;
+    const char* query;
+    const char* strategy;
+  };
+  const std::vector<Case> cases = {
+      {"empty", "", "all"},
+      {"plain literal", "tool12", "name-literal"},
+      {"one unit", "k", "name-units"},
+      {"or of literals", "README|Makefile", "literal-or"},
+      {"suffix pattern", "*.so", "name-suffix"},
+      {"suffix after a one-unit wildcard", "?akefile", "name-suffix"},
+      // The shipped table folds accents away but weighs them apart, so name
+      // order ranges cannot hold a folded prefix: the bigram test serves.
+      {"prefix pattern", "README*", "gram-scan"},
+      {"whole name", "wfn:Makefile", "name-literal"},
+      {"pattern without literal ends", "*ake*", "gram-scan"},
+      {"extension", "ext:txt", "extension"},
+      {"type macro", "pic:", "extension"},
+      {"unknown extension", "ext:nothing", "none"},
+      {"parent", "parent:/usr/bin", "parent"},
+      {"unknown parent", "parent:/nowhere", "none"},
+      {"path literal with a separator", "/usr/share/doc/", "path"},
+      {"path literal without one", "path:share", "path"},
+      {"size", "size:>10", "filter-scan"},
+      {"size and type merged", "file: size:<5", "filter-scan"},
+      {"volume", "volume-label:disk", "volume"},
+      {"unknown volume", "volume-label:none", "none"},
+      {"and", "ext:txt file1", "combined"},
+      {"not", "!ext:txt", "combined"},
+      {"full-path pattern", "path:*doc*", "scan"},
+  };
+  const ExecutionPlanner planner(bigIndex());
+  for (const Case& c : cases) {
+    EXPECT_EQ(std::string(ExecutionPlanner::name(planner.plan(utf16(c.query)).strategy)), c.strategy) << c.label;
+    expectExact(planner, c.query, c.label);
+  }
+}
+
+TEST(ExecutionPlanner, NameOrderRangesServePrefixesWhereFoldingAgreesWithOrder) {
+  std::vector<Entry> entries;
+  for (int i = 0; i < 500; ++i) entries.push_back({"/d/tool" + std::to_string(i)});
+  for (const char* name : {"Makefile", "makefile.am", "MAKE", "README", "readme.md", "Read"})
+    entries.push_back({std::string("/d/") + name});
+  const auto index = indexOf(entries, PathFlavor::posix, {}, testing::asciiTable());
+  ASSERT_TRUE(index->names()->prefixClassesCompatible());
+  struct Case {
+    const char* query;
+    const char* strategy;
+    std::int64_t count;
+  };
+  const std::vector<Case> cases = {{"README*", "name-prefix", 2},    {"wfn:Makefile", "name-prefix", 1},
+                                   {"case:Make*", "name-prefix", 1}, {"make*.am", "name-suffix", 1},
+                                   {"wfn:read", "name-prefix", 1},   {"tool1*", "name-prefix", 111}};
+  for (const std::int64_t minimum : {1, 1 << 13}) {
+    const ExecutionPlanner planner(index, minimum);
+    for (const Case& c : cases) {
+      EXPECT_EQ(std::string(ExecutionPlanner::name(planner.plan(utf16(c.query)).strategy)), c.strategy) << c.query;
+      EXPECT_EQ(planner.select(utf16(c.query)).count, c.count) << c.query;
+      expectExact(planner, c.query, c.query);
+    }
+  }
+}
+
+TEST(ExecutionPlanner, StrategiesStayExactAtChunkBoundaries) {
+  // Chunks of one row up to whole words: bits written by neighbouring chunks
+  // must not collide.
+  const std::vector<const char*> queries = {"tool1", "o", "*.txt", "tool2*", "ext:txt", "parent:/usr/share/doc",
+                                            "/usr/bin/", "!file1 ext:txt", "size:<50 | README", "k|x",
+                                            "folder: | case:K", "volume-label:Disk file2"};
+  for (const std::int64_t minimum : {1, 64, 100, 1 << 13}) {
+    const ExecutionPlanner planner(bigIndex(), minimum);
+    for (const char* q : queries) expectExact(planner, q, std::string(q) + " minimum " + std::to_string(minimum));
+  }
+}
+
+TEST(ExecutionPlanner, NamesHoldingNulUnitsAreTestedOnTheirOwn) {
+  // A NUL ends a name's place in the name order, so prefix and suffix
+  // candidates cannot find these rows; they must still be found. Leniently
+  // read lists are where such names come from.
+  CatalogBuilder builder("t", PathFlavor::windows, /*inferAncestors=*/true, /*directorySizes=*/false);
+  auto add = [&](const std::string& path) {
+    (void)builder.add(utf16(path), false, 1, kUnixEpochTicks, kUnknown64, std::nullopt, 0, kUnknown64, std::nullopt);
+  };
+  for (int i = 0; i < 200; ++i) add("C:\\d\\plain" + std::to_string(i));
+  add(std::string("C:\\d\\ab\0cd.so", 13));
+  add(std::string("C:\\d\\\0abc", 9));
+  add(std::string("C:\\d\\abc\0", 9));
+  auto catalog = std::make_shared<Catalog>(builder.finish());
+  const ExecutionPlanner planner(std::make_shared<const SearchIndex>(catalog, realTable()));
+  for (const char* q : {"ab*", "*.so", "*cd.so", "abc*", "*abc", "wfn:abc", "c", "ab"})
+    expectExact(planner, q, q);
+  EXPECT_EQ(planner.select(u"*.so").count, 1);
+}
+
+TEST(ExecutionPlanner, PathTermsFindSeparatorsInsideNames) {
+  // Windows names may hold "/" (only "\" splits the lists read as such), so a
+  // path text with a separator can match inside a single name.
+  std::vector<Entry> entries = {{"C:\\a", true}, {"C:\\a\\b/c.txt"}, {"C:\\a\\bc.txt"}, {"C:\\x\\y\\z"}};
+  for (int i = 0; i < 100; ++i) entries.push_back({"C:\\a\\f" + std::to_string(i)});
+  const ExecutionPlanner planner(indexOf(entries, PathFlavor::windows));
+  for (const char* q : {"b/c", "a\\b", "\\a\\", "y\\z", "x\\", "C:\\"}) expectExact(planner, q, q);
+}
+
+TEST(ExecutionPlanner, QueriesBeyondTheBudgetsStayExact) {
+  const ExecutionPlanner planner(bigIndex());
+  std::string wide;
+  for (int i = 0; i < 20000; ++i) wide += (i > 0 ? "|" : "") + std::string("tool") + std::to_string(i * 7);
+  std::string deep;
+  for (int i = 0; i < 5000; ++i) deep += i % 2 == 0 ? "<" : "!";
+  deep += "ext:txt";
+  std::string longText(100000, 'a');
+  std::string parents;
+  for (int i = 0; i < 300; ++i) parents += "parent:/usr/x" + std::to_string(i) + "|";
+  parents += "parent:/usr/bin";
+  const auto start = std::chrono::steady_clock::now();
+  for (const std::string& q : {wide, deep, longText, parents, std::string(3000, '!') + "x"})
+    expectExact(planner, q, q.substr(0, 40));
+  // Linear work: well under a second even on a loaded machine.
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(20));
+}
+
+TEST(NameLiteral, ContainsFoldsNamesNotTexts) {
+  const auto& fold = realTable()->searchTable();
+  struct Case {
+    const char* label;
+    std::u16string name;
+    std::u16string text;
+    bool sensitive;
+    bool expected;
+  };
+  const std::vector<Case> cases = {
+      {"folded match", u"ReadMe.TXT", u"me.txt", false, true},
+      {"at the very end", u"abc", u"bc", false, true},
+      {"longer than the name", u"ab", u"abc", false, false},
+      {"first unit repeats", u"aaab", u"aab", false, true},
+      {"sensitive mismatch", u"ReadMe", u"readme", true, false},
+      {"sensitive match", u"ReadMe", u"adM", true, true},
+      {"kelvin sign folds to k", u"\u212Aelvin", u"kel", false, true},
+      {"empty text", u"x", u"", false, true},
+  };
+  for (const Case& c : cases)
+    EXPECT_EQ(name_literal::contains(c.name, c.text, c.sensitive, fold.data()), c.expected) << c.label;
+}
+
+TEST(NameLiteral, UnitsMatchingListsEveryFoldedForm) {
+  const auto k = name_literal::unitsMatching(u'k', false, *realTable());
+  ASSERT_TRUE(k.has_value());
+  EXPECT_EQ(std::vector<Unit>(k->ascii, k->ascii + k->asciiCount), (std::vector<Unit>{u'K', u'k'}));
+  EXPECT_TRUE(k->wide);  // the Kelvin sign, and accented forms
+  EXPECT_TRUE(k->accepts(u'\u212A'));
+  EXPECT_FALSE(k->accepts(u'x'));
+  const auto sensitive = name_literal::unitsMatching(u'K', true, *realTable());
+  ASSERT_TRUE(sensitive.has_value());
+  EXPECT_EQ(sensitive->asciiCount, 1u);
+  EXPECT_FALSE(sensitive->wide);
+  EXPECT_FALSE(sensitive->accepts(u'k'));
+  EXPECT_FALSE(name_literal::unitsMatching(0, false, *realTable()).has_value());
+}
+
+TEST(NameLiteral, ScanUnitsSetsEachRowOnceWithinItsRange) {
+  std::vector<Entry> entries;
+  for (int i = 0; i < 300; ++i) entries.push_back({"/d/" + std::string(i % 3 == 0 ? "qq" : "ab") + std::to_string(i)});
+  const auto index = indexOf(entries);
+  const Catalog& c = index->catalog();
+  const auto q = name_literal::unitsMatching(u'q', false, *realTable());
+  ASSERT_TRUE(q.has_value());
+  std::vector<std::uint64_t> words(Bitset::wordCount(c.count()), 0);
+  std::vector<std::uint64_t> pool(words.size(), 0);
+  for (std::int32_t r = 0; r < c.count(); r += 2) pool[static_cast<std::size_t>(r >> 6)] |= std::uint64_t(1) << (r & 63);
+  // Rows 64 ..< 192 only, limited to the even rows of the pool.
+  const std::int64_t found = name_literal::scanUnits(c, *q, 64, 192, pool.data(), words.data());
+  std::int64_t expected = 0;
+  for (std::int32_t r = 0; r < c.count(); ++r) {
+    const bool want = r >= 64 && r < 192 && r % 2 == 0 && c.nameUnits(r).find(u'q') != TextView::npos;
+    expected += want ? 1 : 0;
+    EXPECT_EQ(Bitset::test(words, r), want) << "row " << r;
+  }
+  EXPECT_EQ(found, expected);
+  EXPECT_GT(found, 0);
+}
+
+TEST(QueryOptimizer, MergedNumericFilterAgreesWithItsTerms) {
+  std::vector<Entry> entries = {{"/d", true, kUnknown64}, {"/d/a", false, 0}, {"/d/b", false, 1024},
+                                {"/d/c", false, kUnknown64}, {"/e", true, 5000}, {"/d/f", false, 5000}};
+  const auto index = indexOf(entries);
+  const std::vector<std::string> combos = {"file: size:>0",     "folder: size:unknown", "size:unknown",
+                                           "size:1kb size:<=1024", "size:>10 size:<10",  "file: folder:",
+                                           "size:unknown size:0", "dm:>1960 size:<5000", "size:<=1024 dc:unknown"};
+  for (const std::string& q : combos) {
+    auto root = Query::parse(utf16(q), index->compatibility(), PathFlavor::posix);
+    Query::markSizeSemantics(*root, false);
+    Query::NumericFilter filter;
+    const std::vector<Query::TermPtr> terms =
+        root->kind == Query::Kind::and_ ? root->children : std::vector<Query::TermPtr>{root};
+    for (const auto& t : terms) {
+      ASSERT_TRUE(QueryOptimizer::isNumeric(*t)) << q;
+      QueryOptimizer::merge(filter, *t);
+    }
+    for (std::int32_t r = 0; r < index->catalog().count(); ++r)
+      EXPECT_EQ(QueryOptimizer::passes(filter, index->catalog(), r),
+                Query::matches(*root, index->catalog(), r, index->compatibility()))
+          << q << " row " << r;
+    expectExact(ExecutionPlanner(index), q, q);
+  }
+}
+
+TEST(QueryOptimizer, FillsTheFieldsOfEachTerm) {
+  const auto index = bigIndex();
+  auto root = Query::parse(u"ext:txt parent:/usr/bin volume-label:DISK <README|Makefile|x> size:1 file:",
+                           index->compatibility(), PathFlavor::posix);
+  Query::markSizeSemantics(*root, false);
+  QueryOptimizer::prepare(*root, *index);
+  ASSERT_EQ(root->kind, Query::Kind::and_);
+  const auto& ch = root->children;
+  ASSERT_TRUE(ch[0]->extensionHits.has_value());
+  EXPECT_TRUE((*ch[0]->extensionHits)[static_cast<std::size_t>(index->extensionMap().at(u"txt"))]);
+  ASSERT_TRUE(ch[1]->parentHits.has_value());
+  EXPECT_EQ(std::count(ch[1]->parentHits->begin(), ch[1]->parentHits->end(), true), 1);
+  ASSERT_TRUE(ch[2]->deviceHits.has_value());
+  EXPECT_EQ(std::count(ch[2]->deviceHits->begin(), ch[2]->deviceHits->end(), true), 1);
+  ASSERT_TRUE(ch[3]->literalOr);
+  EXPECT_EQ(ch[3]->literalOr->literalChildren, (std::vector<std::size_t>{0, 1}));  // "x" is one unit
+  EXPECT_NE(ch[3]->children[0]->nameGrams, 0u);
+  ASSERT_TRUE(root->numericFilter.has_value());
+  EXPECT_EQ(root->numericFilter->types, 1);
+  EXPECT_EQ(root->numericFilter->fields, 1);
+}
+
+}  // namespace
+}  // namespace tarv
