@@ -1,8 +1,32 @@
 #include "cli/searcher.h"
+
+#include <algorithm>
+
 #include "kernel/index/index_snapshot.h"
+#include "kernel/index/load_trace.h"
 
 namespace tarv::cli {
 namespace {
+
+// One "query.plan" line per source: the planner's strategy and how many of
+// the source's rows matched, so a slow query shows which way it went.
+void tracePlan(const JoinedSearch& search, const JoinedSearch::Result& result, const std::string& sort) {
+  const auto& starts = search.starts();
+  const std::int32_t* ids = result.ids.data();
+  std::vector<std::int64_t> matched(search.sources().size(), 0);
+  for (std::size_t i = 0; i < result.ids.size(); ++i) {
+    const auto s = static_cast<std::size_t>(std::upper_bound(starts.begin(), starts.end(), ids[i]) - starts.begin()) - 1;
+    if (s < matched.size()) ++matched[s];
+  }
+  for (std::size_t s = 0; s < matched.size() && s < result.strategies.size(); ++s)
+    LoadTrace::event("query.plan", "source",
+                     "source=" + search.sources()[s].id + " strategy=" +
+                         std::string(ExecutionPlanner::name(result.strategies[s])) + " rows=" +
+                         std::to_string(matched[s]) + " records=" + std::to_string(starts[s + 1] - starts[s]));
+  LoadTrace::event("query.plan", "total",
+                   "sort=" + sort + " rows=" + std::to_string(result.total) + " records=" +
+                       std::to_string(search.total()));
+}
 
 // The command line's view of an index snapshot.
 class SnapshotAdapter final : public LoadedSnapshot {
@@ -12,7 +36,9 @@ class SnapshotAdapter final : public LoadedSnapshot {
   }
 
   Column<std::int32_t> search(const std::string& query, const std::string& sort) const override {
-    return snapshot_->search().search(query, sort).ids;
+    JoinedSearch::Result result = snapshot_->search().search(query, sort);
+    if (LoadTrace::enabled()) tracePlan(snapshot_->search(), result, sort);
+    return std::move(result.ids);
   }
 
   ResultRow row(std::int32_t id) const override {
