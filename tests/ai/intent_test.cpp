@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <random>
 #include <string>
 #include <vector>
@@ -144,8 +145,8 @@ TEST(IntentDecoding, EveryFieldHasItsMember) {
 }
 
 // Random bytes, random JSON-ish text and damaged valid replies: decoding
-// returns or declines, and never throws or reads out of bounds (the
-// sanitiser builds catch the latter).
+// returns or declines, composing what it returns never throws, and nothing
+// reads out of bounds (the sanitiser builds catch that).
 TEST(IntentDecoding, AnyBytesAreSafe) {
   std::mt19937 random(20261122);
   const std::string alphabet = "{}[]\":,\\ abc0123456789.-truefalsn\xe4\xb8\x8b\xff\x00";
@@ -163,7 +164,12 @@ TEST(IntentDecoding, AnyBytesAreSafe) {
       reply = valid;
       for (int damage = 0; damage < 3; ++damage) reply[random() % reply.size()] = static_cast<char>(random() % 256);
     }
-    EXPECT_NO_THROW((void)decodeIntent(reply)) << round;
+    std::optional<Intent> intent;
+    EXPECT_NO_THROW(intent = decodeIntent(reply)) << round;
+    // Whatever decodes also composes, whatever its fields hold.
+    if (intent) {
+      EXPECT_NO_THROW((void)intent->query(std::chrono::system_clock::now(), "/home/a")) << round;
+    }
   }
 }
 
