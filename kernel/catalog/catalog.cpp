@@ -15,7 +15,10 @@ std::optional<std::int64_t> unixMs(std::uint64_t ticks) noexcept {
 }  // namespace
 
 std::uint8_t Catalog::recordKind(std::int32_t row) const noexcept {
-  if (p_.kinds) return (*p_.kinds)[row];
+  if (p_.kinds) {
+    const std::uint8_t kind = (*p_.kinds)[row];
+    return kind < 7 ? kind : 0;
+  }
   return isDirectory(row) ? 1 : 0;
 }
 

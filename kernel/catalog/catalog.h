@@ -8,6 +8,15 @@
 // Built by CatalogBuilder::finish or rebuilt from an index file; immutable
 // afterwards except for applyDeviceLabels, which the loader calls once before
 // the catalog is shared. Shared read-only between threads.
+//
+// A catalog mapped from an index file is checked only in constant time (column
+// lengths, the last offset of each text column), so a damaged file may hold
+// any value inside its columns. The row accessors therefore never trust a
+// stored number as an index: a parent index past the parent texts reads as
+// parent 0, an offset pair out of order or past its text reads as the empty
+// text, a kind of 7 or more reads as a file. Such a file gives wrong answers,
+// never a read outside the mapping. Rows themselves (0 ..< count) are the
+// caller's to keep in range; hasRow() checks a number read from a file.
 
 #include <cstdint>
 #include <map>
@@ -63,10 +72,19 @@ class Catalog {
   bool directorySizes() const noexcept { return p_.directorySizes; }
   const Parts& parts() const noexcept { return p_; }
 
-  // Row accessors (row is a position; unchecked beyond the column bounds).
+  // Whether `row` names a row: a number read from an index file is checked
+  // with this before it is used as a row.
+  bool hasRow(std::int64_t row) const noexcept { return static_cast<std::uint64_t>(row) < static_cast<std::uint64_t>(p_.count); }
+
+  // Row accessors (row must satisfy hasRow; nothing else is assumed).
   bool isDirectory(std::int32_t row) const noexcept { return (p_.parentTags[row] & kFolderBit) != 0; }
-  std::uint32_t parentIndex(std::int32_t row) const noexcept { return p_.parentTags[row] & ~kFolderBit; }
-  // kinds[row] when the column is present, else 1 for a folder and 0 for a file.
+  // The row's parent index, always below parentCount() (0 for a damaged tag).
+  std::uint32_t parentIndex(std::int32_t row) const noexcept {
+    const std::uint32_t parent = p_.parentTags[row] & ~kFolderBit;
+    return parent < parentLimit() ? parent : 0;
+  }
+  // kinds[row] when the column is present (0 for a damaged value of 7 or
+  // more), else 1 for a folder and 0 for a file.
   std::uint8_t recordKind(std::int32_t row) const noexcept;
   std::optional<std::uint64_t> sizeBytes(std::int32_t row) const noexcept;
   std::optional<std::int64_t> modifiedUnixMs(std::int32_t row) const noexcept;
@@ -85,17 +103,14 @@ class Catalog {
 
   // The row's name without its terminating NUL.
   TextView nameUnits(std::int32_t row) const noexcept {
-    auto start = p_.nameStarts[row];
-    auto end = p_.nameStarts[row + 1];
-    return TextView(p_.names.data() + start, static_cast<std::size_t>(end - start - 1));
+    return slice(p_.names, p_.nameStarts[row], p_.nameStarts[row + 1]);
   }
   std::string name(std::int32_t row) const { return utf8(nameUnits(row)); }
   std::int32_t parentCount() const noexcept { return static_cast<std::int32_t>(p_.parentStarts.size()) - 1; }
-  // Parent text i without its terminating NUL.
+  // Parent text i without its terminating NUL; empty when i is not a parent.
   TextView parentUnits(std::uint32_t i) const noexcept {
-    auto start = p_.parentStarts[i];
-    auto end = p_.parentStarts[i + 1];
-    return TextView(p_.parentChars.data() + start, static_cast<std::size_t>(end - start - 1));
+    if (i >= parentLimit()) return {};
+    return slice(p_.parentChars, p_.parentStarts[i], p_.parentStarts[i + 1]);
   }
   // The irregular extension when recorded, else the units after the name's last ".".
   TextView extensionUnits(std::int32_t row) const noexcept;
@@ -108,6 +123,19 @@ class Catalog {
   void applyDeviceLabels(const std::map<std::string, std::string>& labels);
 
  private:
+  std::uint32_t parentLimit() const noexcept {
+    return p_.parentStarts.empty() ? 0u : static_cast<std::uint32_t>(p_.parentStarts.size() - 1);
+  }
+  // Units start ..< end - 1 of `text` (the last unit is the terminator). Every
+  // text of a well-formed catalog has its terminator, so start < end always
+  // holds there; anything else comes from a damaged file and reads as empty.
+  static TextView slice(const Column<char16_t>& text, std::int32_t start, std::int32_t end) noexcept {
+    const auto from = static_cast<std::uint32_t>(start);
+    const auto to = static_cast<std::uint32_t>(end);
+    if (from >= to || to > text.size()) [[unlikely]] return {};
+    return TextView(text.data() + from, to - from - 1);
+  }
+
   Parts p_;
 };
 

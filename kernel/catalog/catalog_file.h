@@ -10,12 +10,12 @@
 //
 // readCatalog maps the columns without copying (they keep the file mapping
 // alive); only the small device and irregular-extension tables are copied.
-// Before the catalog is handed out, everything its row accessors index with
-// is checked, so no byte pattern can make them read outside the mapping:
-// lengths against the record count, first and last offsets against the text
-// columns, offsets strictly increasing (one linear pass), parent indexes below
-// the parent count, device ids below the device count, kinds below 7, and the
-// folder count against the folder bits. A failure is KernelError::io
+// Its checks take constant time whatever the record count: the counts within
+// 31 bits, every column's length against the record, parent or device count,
+// and the first and last offset of each text column against that text's
+// length. Values inside the columns are not read here; the catalog's
+// accessors read them defensively (see catalog.h), so no byte pattern can
+// make them read outside the mapping. A failure is KernelError::io
 // ("Invalid catalog in index file: " + what), or the reader's
 // "Missing index section ..." / "Missing index value ...".
 

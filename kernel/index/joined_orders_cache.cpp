@@ -4,7 +4,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <cerrno>
 #include <utility>
 #include <vector>
@@ -14,7 +13,6 @@
 #include "kernel/index/index_file.h"
 #include "kernel/index/load_trace.h"
 #include "kernel/index/pending_writes.h"
-#include "kernel/query/parallel.h"
 
 namespace tarv {
 namespace {
@@ -24,24 +22,6 @@ std::string ranksOf(std::size_t source) { return "parentRanks." + std::to_string
 
 std::string detailOf(const JoinedOrdersStore::Request& request) {
   return "sources=" + std::to_string(request.parentCounts.size()) + " records=" + std::to_string(request.total);
-}
-
-// Whether every value lies in 0 ..< limit. One pass on the pool; the loop has
-// no early exit so it vectorises (a bad file is rare), and the unsigned
-// comparison catches negative values too.
-bool allBelow(const Column<std::int32_t>& values, std::int64_t limit) {
-  std::atomic<bool> bad{false};
-  const std::int32_t* data = values.data();
-  const auto bound = static_cast<std::uint32_t>(limit);
-  Parallel::chunks(static_cast<std::int64_t>(values.size()), 16, 1 << 18, [&](std::int64_t begin, std::int64_t end) {
-    std::uint32_t worst = 0;
-    for (auto i = begin; i < end; ++i) {
-      const auto value = static_cast<std::uint32_t>(data[i]);
-      worst = value > worst ? value : worst;
-    }
-    if (worst >= bound) bad.store(true, std::memory_order_relaxed);
-  });
-  return !bad.load();
 }
 
 std::int64_t metaInteger(const json::Value& meta, const char* name) {
@@ -96,15 +76,13 @@ std::optional<JoinedOrdersStore::Joined> JoinedOrdersCache::map(const Request& r
       Joined joined;
       for (const SortKey key : request.keys) {
         Column<std::int32_t> ids = reader.column<std::int32_t>(sectionOf(key));
-        if (static_cast<std::int64_t>(ids.size()) != request.total || !allBelow(ids, request.total))
+        if (static_cast<std::int64_t>(ids.size()) != request.total)
           throw KernelError::io("Invalid index section " + sectionOf(key));
         joined.orders.push_back(std::move(ids));
       }
-      std::int64_t parents = 0;
-      for (const std::int64_t count : request.parentCounts) parents += count;
       for (std::size_t s = 0; s < request.parentCounts.size(); ++s) {
         Column<std::int32_t> ranks = reader.column<std::int32_t>(ranksOf(s));
-        if (static_cast<std::int64_t>(ranks.size()) != request.parentCounts[s] || !allBelow(ranks, parents))
+        if (static_cast<std::int64_t>(ranks.size()) != request.parentCounts[s])
           throw KernelError::io("Invalid index section " + ranksOf(s));
         joined.parentRanks.push_back(std::move(ranks));
       }

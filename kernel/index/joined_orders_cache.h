@@ -8,11 +8,12 @@
 //
 // A stored file is used only when all of these hold: the meta values match
 // the join key, source count and total asked for; every asked key and every
-// source has its section; every order holds exactly `total` ids, each in
-// 0 ..< total (one pass on the worker pool, so a damaged file can never send
-// a search outside its rows); every source's ranks are as many as its parent
-// texts, each in 0 ..< all parent texts. An unusable file is deleted and
-// everything is derived again. A usable file's modification time is set to
+// source has its section; every order holds exactly `total` ids; every
+// source's ranks are as many as its parent texts. These checks take constant
+// time: the ids and ranks themselves are not read at load, so a damaged value
+// reaches the joined search, whose users check an id before using it as one
+// (and only ever compare ranks). An unusable file is deleted and everything
+// is derived again. A usable file's modification time is set to
 // now, so pruning sees it as in use.
 //
 // Derived state is written in the background (one detached thread in the

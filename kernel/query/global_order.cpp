@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <bit>
+#include <limits>
 
 #include "kernel/query/name_collation.h"
 #include "kernel/query/parallel.h"
@@ -98,7 +99,12 @@ void mergeRuns(std::vector<T>& items, std::vector<std::pair<std::int64_t, std::i
       std::size_t previousA = 0, previousT = 0;
       for (std::int64_t s = 1; s <= split; ++s) {
         const auto t = static_cast<std::size_t>(total * s / split);
-        const std::size_t i = s == split ? a.size() : coRank(t, a, b, less);
+        // For sorted runs the co-ranks rise with t; runs from a damaged
+        // index file may be unsorted, so the cut is kept within what the
+        // previous piece left, and every piece within its runs.
+        const std::size_t low = std::max(previousA, t > b.size() ? t - b.size() : 0);
+        const std::size_t high = std::min(a.size(), previousA + (t - previousT));
+        const std::size_t i = s == split ? a.size() : std::clamp(coRank(t, a, b, less), low, high);
         pieces.push_back({aBegin + static_cast<std::int64_t>(previousA), aBegin + static_cast<std::int64_t>(i),
                           bBegin + static_cast<std::int64_t>(previousT - previousA),
                           bBegin + static_cast<std::int64_t>(t - i), aBegin + static_cast<std::int64_t>(previousT)});
@@ -144,15 +150,11 @@ bool GlobalOrder::adoptParentRanks(std::span<const Column<std::int32_t>> ranks) 
     if (ranks[s].size() != indexes_[s]->parentRanks().size()) return false;
     parents += static_cast<std::int64_t>(ranks[s].size());
   }
-  std::int32_t highest = -1;
-  for (const auto& column : ranks)
-    for (const std::int32_t rank : column) {
-      if (rank < 0 || rank >= parents) return false;
-      highest = std::max(highest, rank);
-    }
-  parentRanks_.resize(ranks.size());
-  for (std::size_t s = 0; s < ranks.size(); ++s) parentRanks_[s].assign(ranks[s].begin(), ranks[s].end());
-  parentRankCount_ = highest + 1;
+  if (parents > std::numeric_limits<std::int32_t>::max()) return false;
+  parentRanks_.assign(ranks.begin(), ranks.end());
+  // Equal texts share a rank, so the ranks in use may stop short of this
+  // bound; it only sizes the radix passes of a path sort.
+  parentRankCount_ = static_cast<std::int32_t>(parents);
   return true;
 }
 
@@ -179,9 +181,9 @@ int GlobalOrder::comparePaths(const Compatibility& compatibility, PathFlavor fla
 void GlobalOrder::rankParents() {
   parentRanks_.resize(indexes_.size());
   if (indexes_.size() == 1) {
-    const auto& own = indexes_.front()->parentRanks();
-    parentRanks_.front().assign(own.begin(), own.end());
-    parentRankCount_ = static_cast<std::int32_t>(own.size());
+    // One source: its own ranks are the global ones (shared, not copied).
+    parentRanks_.front() = indexes_.front()->parentRanks();
+    parentRankCount_ = static_cast<std::int32_t>(parentRanks_.front().size());
     return;
   }
   // Each source's parents in its own path order form a sorted run; the merge
@@ -192,19 +194,24 @@ void GlobalOrder::rankParents() {
   };
   std::vector<Parent> parents;
   std::vector<std::pair<std::int64_t, std::int64_t>> runs;
+  std::vector<std::vector<std::int32_t>> merged(indexes_.size());
   for (std::size_t s = 0; s < indexes_.size(); ++s) {
     const auto& ranks = indexes_[s]->parentRanks();
     const auto begin = static_cast<std::int64_t>(parents.size());
-    parents.resize(parents.size() + ranks.size());
+    parents.resize(parents.size() + ranks.size(), Parent{static_cast<std::int32_t>(s), 0});
+    // Each source's ranks are a permutation of its parents, unless its file
+    // was damaged: a rank out of range is left out (its slot keeps the
+    // source's parent 0), which misorders, safely.
     for (std::size_t p = 0; p < ranks.size(); ++p)
-      parents[static_cast<std::size_t>(begin) + static_cast<std::size_t>(ranks[p])] = {static_cast<std::int32_t>(s),
-                                                                                        static_cast<std::int32_t>(p)};
+      if (static_cast<std::uint32_t>(ranks[p]) < ranks.size())
+        parents[static_cast<std::size_t>(begin) + static_cast<std::size_t>(ranks[p])] = {
+            static_cast<std::int32_t>(s), static_cast<std::int32_t>(p)};
     if (!ranks.empty()) runs.emplace_back(begin, static_cast<std::int64_t>(parents.size()));
-    parentRanks_[s].assign(ranks.size(), 0);
+    merged[s].assign(ranks.size(), 0);
   }
   auto text = [&](const Parent& p) {
     return indexes_[static_cast<std::size_t>(p.source)]->catalog().parentUnits(static_cast<std::uint32_t>(p.index));
-  };
+  };  // parentUnits reads a parent index past the texts as the empty text
   auto flavor = [&](const Parent& p) { return indexes_[static_cast<std::size_t>(p.source)]->catalog().pathFlavor(); };
   auto comparison = [&](const Parent& x, const Parent& y) {
     return comparePaths(*compatibility_, flavor(x), text(x), flavor(y), text(y));
@@ -217,8 +224,9 @@ void GlobalOrder::rankParents() {
   std::int32_t rank = -1;
   for (std::size_t i = 0; i < parents.size(); ++i) {
     if (i == 0 || comparison(parents[i - 1], parents[i]) != 0) ++rank;
-    parentRanks_[static_cast<std::size_t>(parents[i].source)][static_cast<std::size_t>(parents[i].index)] = rank;
+    merged[static_cast<std::size_t>(parents[i].source)][static_cast<std::size_t>(parents[i].index)] = rank;
   }
+  for (std::size_t s = 0; s < merged.size(); ++s) parentRanks_[s] = Column<std::int32_t>::owned(std::move(merged[s]));
   parentRankCount_ = rank + 1;
 }
 
@@ -338,7 +346,9 @@ Column<std::int32_t> GlobalOrder::nameOrder() const {
     const auto n = static_cast<std::int64_t>(own.size());
     Parallel::chunks(n, 1, 1 << 15, [&](std::int64_t begin, std::int64_t end) {
       for (auto i = begin; i < end; ++i) {
-        const std::int32_t row = own[static_cast<std::size_t>(i)];
+        // A stored order entry is checked before it indexes the catalog.
+        std::int32_t row = own[static_cast<std::size_t>(i)];
+        if (!catalog.hasRow(row)) row = 0;
         items[static_cast<std::size_t>(start + i)] =
             mergeItem(weights, catalog, row, static_cast<std::int32_t>(start + row));
       }
@@ -374,7 +384,11 @@ std::vector<std::int32_t> GlobalOrder::sortedByKey(std::span<const std::int32_t>
       });
     }
   };
-  auto byKey = [&](std::int32_t id) { return keys[static_cast<std::size_t>(id)]; };
+  // `nameOrder` may be mapped from a damaged file: an id past the rows reads
+  // the key of id 0 (the radix passes keep the id itself).
+  auto byKey = [&](std::int32_t id) {
+    return keys[static_cast<std::uint32_t>(id) < n ? static_cast<std::size_t>(id) : 0];
+  };
   auto fileBit = [](const Catalog& catalog, std::int32_t row) -> std::uint64_t {
     return catalog.isDirectory(row) ? 0 : 1;
   };
@@ -408,7 +422,7 @@ std::vector<std::int32_t> GlobalOrder::sortedByKey(std::span<const std::int32_t>
   if (bits > 62) {
     // Values spread over nearly all 64 bits: by value (unknown wrapping to
     // 0), then stably by folder.
-    auto byValue = radixOrder(nameOrder, 64, [&](std::int32_t id) { return keys[static_cast<std::size_t>(id)] + 1; });
+    auto byValue = radixOrder(nameOrder, 64, [&](std::int32_t id) { return byKey(id) + 1; });
     gather([&](std::size_t, const Catalog& c, std::int32_t row) { return fileBit(c, row); });
     return radixOrder(byValue, 1, byKey);
   }

@@ -11,6 +11,10 @@
 // own source's flavor. Device labels of all sources get global ranks the same
 // way (absent first, then the three-level name collation).
 //
+// Order entries and ranks may come from index files whose values were not
+// checked at load; every one used as an index here is checked where it is
+// used (a damaged file gives a wrong order, never a read outside a column).
+//
 // Holds the search indexes (and through them the catalogs and tables) alive.
 // Immutable after construction; compare and the builders may run on any
 // number of threads. The builders run on the worker pool. Nothing here throws
@@ -46,9 +50,10 @@ class GlobalOrder {
   // Ranks every parent text of every source (the merge by path order).
   void rankParents();
   // Takes ranks that rankParents() gave for the same sources: one column
-  // per source, as long as its parent count, each rank in 0 ..< the sum of
-  // the parent counts. Returns false, and changes nothing, when they do not
-  // fit that shape.
+  // per source, as long as its parent count (shared, not copied). The ranks
+  // themselves are not read here (constant time): they are only ever
+  // compared, so a damaged value misorders rows and nothing worse. Returns
+  // false, and changes nothing, when the columns do not fit that shape.
   bool adoptParentRanks(std::span<const Column<std::int32_t>> ranks);
 
   std::int64_t total() const noexcept { return starts_.back(); }
@@ -74,7 +79,7 @@ class GlobalOrder {
   Column<std::int32_t> orderFrom(const Column<std::int32_t>& nameOrder, SortKey key) const;
 
   // The global rank of every parent text of source s (by parent index).
-  std::span<const std::int32_t> parentRanks(std::size_t source) const noexcept { return parentRanks_[source]; }
+  std::span<const std::int32_t> parentRanks(std::size_t source) const noexcept { return parentRanks_[source].span(); }
   // The global rank of every device label of source s (by device id; 0 when
   // the device has no label).
   std::span<const std::int32_t> labelRanks(std::size_t source) const noexcept { return labelRanks_[source]; }
@@ -94,9 +99,9 @@ class GlobalOrder {
   std::vector<SearchIndexPtr> indexes_;
   std::shared_ptr<const Compatibility> compatibility_;
   std::vector<std::int64_t> starts_;
-  std::vector<std::vector<std::int32_t>> parentRanks_;
+  std::vector<Column<std::int32_t>> parentRanks_;  // a single source's own, shared
   std::vector<std::vector<std::int32_t>> labelRanks_;
-  std::int32_t parentRankCount_ = 0;
+  std::int32_t parentRankCount_ = 0;  // ranks lie below this (for a damaged file: should)
   std::int32_t labelRankCount_ = 0;  // highest label rank
 };
 

@@ -15,8 +15,13 @@ NameCandidates::NameCandidates(CatalogPtr catalog, std::shared_ptr<const Compati
       compatibility_(std::move(compatibility)),
       nameOrder_(std::move(nameOrder)),
       reverseOrder_(std::move(reverseOrder)),
-      nulNames_(std::move(nulNames)),
-      prefixClassesCompatible_(classesCompatible(*compatibility_)) {}
+      nulNames_(std::move(nulNames)) {}
+
+bool NameCandidates::prefixClassesCompatible() const {
+  // A walk over all 65536 units: worth doing only for a search that asks.
+  std::call_once(compatibleOnce_, [&] { prefixClassesCompatible_ = classesCompatible(*compatibility_); });
+  return prefixClassesCompatible_;
+}
 
 bool NameCandidates::classesCompatible(const Compatibility& compatibility) {
   const auto& order = compatibility.orderTable();
@@ -36,13 +41,13 @@ bool NameCandidates::classesCompatible(const Compatibility& compatibility) {
   return true;
 }
 
-std::optional<std::array<NameCandidates::Range, 2>> NameCandidates::prefixRanges(TextView prefix) const noexcept {
-  if (!prefixClassesCompatible_ || prefix.find(Unit(0)) != TextView::npos) return std::nullopt;
+std::optional<std::array<NameCandidates::Range, 2>> NameCandidates::prefixRanges(TextView prefix) const {
+  if (!prefixClassesCompatible() || prefix.find(Unit(0)) != TextView::npos) return std::nullopt;
   const auto& order = compatibility_->orderTable();
   const Catalog& c = *catalog_;
   // <0: the name sorts before every name with the prefix; 0: it has the prefix.
   auto place = [&](std::int32_t row) {
-    const TextView name = c.nameUnits(row);
+    const TextView name = c.hasRow(row) ? c.nameUnits(row) : TextView();
     for (std::size_t i = 0; i < prefix.size(); ++i) {
       if (i >= name.size()) return -1;
       const auto wn = name_collation::weight1(order, name[i]);
@@ -52,8 +57,9 @@ std::optional<std::array<NameCandidates::Range, 2>> NameCandidates::prefixRanges
     return 0;
   };
   std::array<Range, 2> out;
-  const std::int64_t folders = c.folderCount();
-  const std::int64_t bounds[3] = {0, folders, static_cast<std::int64_t>(nameOrder_.size())};
+  const auto total = static_cast<std::int64_t>(nameOrder_.size());
+  const std::int64_t folders = std::clamp<std::int64_t>(c.folderCount(), 0, total);
+  const std::int64_t bounds[3] = {0, folders, total};
   for (int part = 0; part < 2; ++part) {
     const std::int32_t* first = nameOrder_.data() + bounds[part];
     const std::int32_t* last = nameOrder_.data() + bounds[part + 1];
@@ -68,7 +74,7 @@ NameCandidates::Range NameCandidates::suffixRange(TextView suffix) const noexcep
   const Catalog& c = *catalog_;
   const Compatibility& t = *compatibility_;
   auto place = [&](std::int32_t row) {
-    const TextView name = c.nameUnits(row);
+    const TextView name = c.hasRow(row) ? c.nameUnits(row) : TextView();
     for (std::size_t j = 0; j < suffix.size(); ++j) {
       if (j >= name.size()) return -1;
       const Unit a = t.fold(name[name.size() - 1 - j]);

@@ -15,11 +15,19 @@
 //   unit 0 weighs least of all), which is what lets a folded prefix select a
 //   contiguous range of nameOrder.
 //
-// Immutable; shared read-only between threads. Holds the catalog and tables.
+// The lists may be mapped from an index file whose entries are not checked
+// at load: a reader of one as a row checks it with Catalog::hasRow. The
+// lookups here do so themselves (a damaged entry may misplace a range, never
+// read outside a column).
+//
+// Immutable apart from prefixClassesCompatible, worked out once on first use
+// (thread-safe); shared read-only between threads. Holds the catalog and
+// tables.
 
 #include <array>
 #include <cstdint>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <vector>
 
@@ -49,12 +57,12 @@ class NameCandidates {
   const Column<std::int32_t>& nameOrder() const noexcept { return nameOrder_; }
   const Column<std::int32_t>& reverseOrder() const noexcept { return reverseOrder_; }
   const Column<std::int32_t>& nulNames() const noexcept { return nulNames_; }
-  bool prefixClassesCompatible() const noexcept { return prefixClassesCompatible_; }
+  bool prefixClassesCompatible() const;
 
   // The ranges of nameOrder (folders, then files) holding the rows whose
   // folded name starts with `foldedPrefix`. Nothing when the tables are not
   // prefix-compatible or the prefix holds a NUL.
-  std::optional<std::array<Range, 2>> prefixRanges(TextView foldedPrefix) const noexcept;
+  std::optional<std::array<Range, 2>> prefixRanges(TextView foldedPrefix) const;
   // The range of reverseOrder holding the rows whose folded name ends with
   // `foldedSuffix`.
   Range suffixRange(TextView foldedSuffix) const noexcept;
@@ -73,7 +81,8 @@ class NameCandidates {
   Column<std::int32_t> nameOrder_;
   Column<std::int32_t> reverseOrder_;
   Column<std::int32_t> nulNames_;
-  bool prefixClassesCompatible_ = false;
+  mutable std::once_flag compatibleOnce_;
+  mutable bool prefixClassesCompatible_ = false;
 };
 
 }  // namespace tarv

@@ -5,6 +5,7 @@
 #include <bit>
 #include <cstring>
 #include <exception>
+#include <optional>
 #include <string>
 #include <thread>
 
@@ -41,22 +42,6 @@ bool isDriveRoot(TextView parent) noexcept {
          path_flavor::isSeparator(PathFlavor::windows, parent[2]);
 }
 
-// Whether every value of `column` lies in 0 ..< limit (checked on the pool).
-template <class T>
-bool allBelow(const Column<T>& column, std::int64_t limit) {
-  std::atomic<bool> ok{true};
-  Parallel::chunks(static_cast<std::int64_t>(column.size()), 1, 1 << 16, [&](std::int64_t begin, std::int64_t end) {
-    bool fine = true;
-    const T* p = column.data();
-    for (auto i = begin; i < end; ++i) {
-      const auto v = static_cast<std::int64_t>(p[i]);
-      fine &= v >= 0 && v < limit;
-    }
-    if (!fine) ok = false;
-  });
-  return ok;
-}
-
 // The "extensions" section: the number of texts k as two u16 halves, then
 // k + 1 unit offsets as u16 halves (low first), then the units.
 std::vector<std::uint16_t> encodeTexts(const std::vector<Text>& texts) {
@@ -73,25 +58,46 @@ std::vector<std::uint16_t> encodeTexts(const std::vector<Text>& texts) {
   return out;
 }
 
-std::vector<Text> decodeTexts(const Column<std::uint16_t>& data, const std::string& name) {
-  auto get32 = [&](std::size_t at) { return std::uint32_t(data[at]) | std::uint32_t(data[at + 1]) << 16; };
-  if (data.size() < 4) invalidSection(name);
-  const std::uint64_t count = get32(0);
-  if (count > 65536 || data.size() < 2 + 2 * (count + 1)) invalidSection(name);
-  const std::size_t unitsAt = 2 + 2 * (count + 1);
-  const std::size_t units = data.size() - unitsAt;
+// Where the pieces of an encoded text table lie; checked in constant time.
+struct TextTableShape {
+  std::size_t count = 0;
+  std::size_t unitsAt = 0;
+  std::size_t units = 0;
+};
+
+std::uint32_t get32(const Column<std::uint16_t>& data, std::size_t at) noexcept {
+  return std::uint32_t(data[at]) | std::uint32_t(data[at + 1]) << 16;
+}
+
+// The header of an encoded table: the count within the id range, room for
+// every offset, the first offset 0 and the last the number of units.
+std::optional<TextTableShape> textTableShape(const Column<std::uint16_t>& data) noexcept {
+  if (data.size() < 4) return std::nullopt;
+  const std::uint64_t count = get32(data, 0);
+  if (count == 0 || count > 65536 || data.size() < 2 + 2 * (count + 1)) return std::nullopt;
+  TextTableShape shape;
+  shape.count = static_cast<std::size_t>(count);
+  shape.unitsAt = 2 + 2 * (shape.count + 1);
+  shape.units = data.size() - shape.unitsAt;
+  if (get32(data, 2) != 0 || get32(data, 2 + 2 * shape.count) != shape.units) return std::nullopt;
+  return shape;
+}
+
+// Decodes a table whose header passed textTableShape. An inner offset pair
+// out of order or past the units (a damaged file) gives an empty text.
+std::vector<Text> decodeTexts(const Column<std::uint16_t>& data, const TextTableShape& shape) {
   std::vector<Text> texts;
-  texts.reserve(count);
-  std::uint32_t previous = get32(2);
-  if (previous != 0) invalidSection(name);
-  for (std::size_t i = 0; i < count; ++i) {
-    const std::uint32_t next = get32(2 + 2 * (i + 1));
-    if (next < previous || next > units) invalidSection(name);
-    const auto* first = reinterpret_cast<const char16_t*>(data.data() + unitsAt + previous);
-    texts.emplace_back(first, first + (next - previous));
-    previous = next;
+  texts.reserve(shape.count);
+  for (std::size_t i = 0; i < shape.count; ++i) {
+    const std::uint32_t from = get32(data, 2 + 2 * i);
+    const std::uint32_t to = get32(data, 2 + 2 * (i + 1));
+    if (from > to || to > shape.units) {
+      texts.emplace_back();
+      continue;
+    }
+    const auto* first = reinterpret_cast<const char16_t*>(data.data() + shape.unitsAt + from);
+    texts.emplace_back(first, first + (to - from));
   }
-  if (previous != units) invalidSection(name);
   return texts;
 }
 
@@ -144,7 +150,6 @@ SearchIndex::SearchIndex(CatalogPtr catalog, std::shared_ptr<const Compatibility
   side.join();
   if (sideError) std::rethrow_exception(sideError);
 
-  deriveExtensionTables();
   names_ = std::make_unique<NameCandidates>(catalog_, compatibility_, orders_.front(), std::move(reverseOrder),
                                             Column<std::int32_t>::owned(std::move(nul)));
 }
@@ -243,14 +248,15 @@ std::vector<std::int32_t> SearchIndex::buildRowTables() {
   });
   std::unordered_map<TextView, std::uint16_t> globalIds;
   std::vector<std::int64_t> counts;
+  std::vector<Text> extensions;
   for (std::size_t k = 0; k < ranked.size(); ++k) {
     if (k < kExtensionOverflow) {
       globalIds[ranked[k].first] = static_cast<std::uint16_t>(k);
-      extensions_.emplace_back(ranked[k].first);
+      extensions.emplace_back(ranked[k].first);
       counts.push_back(ranked[k].second);
     } else {
       if (k == kExtensionOverflow) {
-        extensions_.emplace_back();
+        extensions.emplace_back();
         counts.push_back(0);
       }
       globalIds[ranked[k].first] = kExtensionOverflow;
@@ -267,6 +273,7 @@ std::vector<std::int32_t> SearchIndex::buildRowTables() {
       ids[static_cast<std::size_t>(i)] = table[static_cast<std::size_t>(localIds[static_cast<std::size_t>(i)])];
   });
   extensionIds_ = toColumn(std::move(ids));
+  encodedExtensions_ = Column<std::uint16_t>::owned(encodeTexts(extensions));
   extensionCounts_ = Column<std::int64_t>::owned(std::move(counts));
   nameGramMasks_ = toColumn(std::move(grams));
   separatorNameCount_ = Bitset::count(separatorWords);
@@ -337,94 +344,109 @@ void SearchIndex::buildParentPrefixOrder() {
 SearchIndex::SearchIndex(const IndexFile::Reader& reader, CatalogPtr catalog,
                          std::shared_ptr<const Compatibility> compatibility, std::string_view prefix)
     : catalog_(std::move(catalog)), compatibility_(std::move(compatibility)) {
+  // Constant time whatever the record count: lengths against the counts the
+  // catalog implies, never the values inside. Users of a stored number as an
+  // index check it where they use it (see the header), so a damaged file
+  // costs wrong answers at worst, and loading touches no page of the columns.
   const Catalog& c = *catalog_;
   const std::int64_t n = c.count();
   const std::int64_t parents = std::max(c.parentCount(), 0);
-  auto rowsOrParents = [&](auto column, std::int64_t length, std::int64_t limit, const std::string& name) {
-    if (static_cast<std::int64_t>(column.size()) != length || !allBelow(column, limit)) invalidSection(name);
+  // Files of an older layout (no value) or another one are refused whole.
+  const auto layout = reader.meta().find(section(prefix, "indexLayout"));
+  if (layout == reader.meta().end() || !layout->is_number_integer() || layout->get<std::int64_t>() != kLayout)
+    throw KernelError::io("Unsupported index layout");
+  auto exactly = [&](auto column, std::int64_t length, const std::string& name) {
+    if (static_cast<std::int64_t>(column.size()) != length) invalidSection(name);
+    return column;
+  };
+  auto atMost = [&](auto column, std::int64_t length, const std::string& name) {
+    if (static_cast<std::int64_t>(column.size()) > length) invalidSection(name);
     return column;
   };
 
   std::string name = section(prefix, "parentRanks");
-  parentRanks_ = rowsOrParents(reader.column<std::int32_t>(name), parents, parents, name);
+  parentRanks_ = exactly(reader.column<std::int32_t>(name), parents, name);
 
   storedKeys_ = {SortKey::name, SortKey::path, SortKey::size, SortKey::modified};
   if (c.parts().createdTimes) storedKeys_.push_back(SortKey::created);
   if (c.parts().allocations) storedKeys_.push_back(SortKey::allocated);
   for (SortKey key : storedKeys_) {
     name = orderSection(prefix, key);
-    orders_.push_back(rowsOrParents(reader.column<std::int32_t>(name), n, n, name));
+    orders_.push_back(exactly(reader.column<std::int32_t>(name), n, name));
   }
 
   name = section(prefix, "extensions");
-  extensions_ = decodeTexts(reader.column<std::uint16_t>(name), name);
-  if (extensions_.empty()) invalidSection(name);
-  const auto extensionCount = static_cast<std::int64_t>(extensions_.size());
+  encodedExtensions_ = reader.column<std::uint16_t>(name);
+  const std::optional<TextTableShape> shape = textTableShape(encodedExtensions_);
+  if (!shape) invalidSection(name);
   name = section(prefix, "extensionIds");
-  extensionIds_ = rowsOrParents(reader.column<std::uint16_t>(name), n, extensionCount, name);
+  extensionIds_ = exactly(reader.column<std::uint16_t>(name), n, name);
   name = section(prefix, "extensionCounts");
-  extensionCounts_ = reader.column<std::int64_t>(name);
-  if (static_cast<std::int64_t>(extensionCounts_.size()) != extensionCount) invalidSection(name);
+  extensionCounts_ = exactly(reader.column<std::int64_t>(name), static_cast<std::int64_t>(shape->count), name);
 
   name = section(prefix, "nameGrams");
-  nameGramMasks_ = reader.column<std::uint64_t>(name);
-  if (static_cast<std::int64_t>(nameGramMasks_.size()) != n) invalidSection(name);
+  nameGramMasks_ = exactly(reader.column<std::uint64_t>(name), n, name);
 
   name = section(prefix, "parentPrefixOrder");
-  parentPrefixOrder_ = rowsOrParents(reader.column<std::int32_t>(name), parents, parents, name);
+  parentPrefixOrder_ = exactly(reader.column<std::int32_t>(name), parents, name);
   name = section(prefix, "parentRowCounts");
-  parentRowCounts_ = reader.column<std::int32_t>(name);
-  if (static_cast<std::int64_t>(parentRowCounts_.size()) != parents) invalidSection(name);
+  parentRowCounts_ = exactly(reader.column<std::int32_t>(name), parents, name);
 
   name = section(prefix, "driveParents");
-  driveParents_ = reader.column<std::int64_t>(name);
-  if (!allBelow(driveParents_, parents)) invalidSection(name);
+  driveParents_ = atMost(reader.column<std::int64_t>(name), parents, name);
   name = section(prefix, "driveNames");
-  driveNames_ = reader.column<std::int64_t>(name);
-  if (!allBelow(driveNames_, n)) invalidSection(name);
+  driveNames_ = atMost(reader.column<std::int64_t>(name), n, name);
 
   name = section(prefix, "separatorNames");
-  separatorNames_ = reader.column<std::uint64_t>(name);
-  if (separatorNames_.size() != Bitset::wordCount(n)) invalidSection(name);
-  // No bit may name a row past the end.
+  separatorNames_ = exactly(reader.column<std::uint64_t>(name), static_cast<std::int64_t>(Bitset::wordCount(n)), name);
+  // No bit may name a row past the end (one word to look at).
   if (n % 64 != 0 && !separatorNames_.empty() && (separatorNames_[separatorNames_.size() - 1] >> (n % 64)) != 0)
     invalidSection(name);
-  separatorNameCount_ = Bitset::count(separatorNames_.span());
+  // Counted when the index was built; a damaged value is only a wrong count.
+  name = section(prefix, "separatorNameCount");
+  separatorNameCount_ = reader.integer(name);
+  if (separatorNameCount_ < 0 || separatorNameCount_ > n) invalidSection(name);
 
   name = section(prefix, "nulNames");
-  auto nul = reader.column<std::int32_t>(name);
-  if (!allBelow(nul, n)) invalidSection(name);
+  auto nul = atMost(reader.column<std::int32_t>(name), n, name);
   name = section(prefix, "reverseOrder");
-  auto reverseOrder = rowsOrParents(reader.column<std::int32_t>(name), n, n, name);
+  auto reverseOrder = exactly(reader.column<std::int32_t>(name), n, name);
 
-  deriveExtensionTables();
   names_ = std::make_unique<NameCandidates>(catalog_, compatibility_, orders_.front(), std::move(reverseOrder),
                                             std::move(nul));
 }
 
-void SearchIndex::deriveExtensionTables() {
-  // Small tables over the distinct extensions (at most 65536), not per row.
-  const Compatibility& t = *compatibility_;
-  extensionClasses_.assign(extensions_.size(), -1);
-  for (std::size_t id = 0; id < extensions_.size(); ++id) {
-    if (id == kExtensionOverflow) continue;
-    extensionMap_.try_emplace(extensions_[id], static_cast<std::int32_t>(id));
-    auto [it, added] = classMap_.try_emplace(t.fold(extensions_[id]), static_cast<std::int32_t>(classMembers_.size()));
-    if (added) classMembers_.emplace_back();
-    classMembers_[static_cast<std::size_t>(it->second)].push_back(static_cast<std::int32_t>(id));
-    extensionClasses_[id] = it->second;
-  }
+const SearchIndex::ExtensionTables& SearchIndex::extensionTables() const {
+  // Small tables over the distinct extensions (at most 65536), not per row;
+  // a search that names an extension pays for them once.
+  std::call_once(extensionOnce_, [&] {
+    ExtensionTables& x = extensionTables_;
+    if (const std::optional<TextTableShape> shape = textTableShape(encodedExtensions_))
+      x.texts = decodeTexts(encodedExtensions_, *shape);
+    const Compatibility& t = *compatibility_;
+    x.classes.assign(x.texts.size(), -1);
+    for (std::size_t id = 0; id < x.texts.size(); ++id) {
+      if (id == kExtensionOverflow) continue;
+      x.map.try_emplace(x.texts[id], static_cast<std::int32_t>(id));
+      auto [it, added] = x.classMap.try_emplace(t.fold(x.texts[id]), static_cast<std::int32_t>(x.classMembers.size()));
+      if (added) x.classMembers.emplace_back();
+      x.classMembers[static_cast<std::size_t>(it->second)].push_back(static_cast<std::int32_t>(id));
+      x.classes[id] = it->second;
+    }
+  });
+  return extensionTables_;
 }
 
 std::vector<std::int32_t> SearchIndex::extensionIdsMatching(TextView extension, bool sensitive) const {
+  const ExtensionTables& x = extensionTables();
   if (sensitive) {
-    auto it = extensionMap_.find(Text(extension));
-    if (it == extensionMap_.end()) return {};
+    auto it = x.map.find(Text(extension));
+    if (it == x.map.end()) return {};
     return {it->second};
   }
-  auto it = classMap_.find(compatibility_->fold(extension));
-  if (it == classMap_.end()) return {};
-  return classMembers_[static_cast<std::size_t>(it->second)];
+  auto it = x.classMap.find(compatibility_->fold(extension));
+  if (it == x.classMap.end()) return {};
+  return x.classMembers[static_cast<std::size_t>(it->second)];
 }
 
 bool SearchIndex::stores(SortKey key) const noexcept {
@@ -436,8 +458,18 @@ Column<std::int32_t> SearchIndex::order(SortKey key) const {
     std::lock_guard lock(deviceLock_);
     if (!deviceOrder_) {
       const auto ranks = RowOrder::labelRanks(*catalog_, *compatibility_);
-      deviceOrder_ = toColumn(
-          RowOrder::orderFrom(*catalog_, orders_.front().span(), SortKey::device, parentRanks_.span(), ranks));
+      // The name order is the tie-break; its entries index the catalog's
+      // columns here, so a mapped one is read through a range check (this
+      // is linear work anyway, done once, on first use).
+      const Column<std::int32_t>& names = orders_.front();
+      std::vector<std::int32_t> tieBreak(names.size());
+      const std::int32_t* from = names.data();
+      const Catalog& c = *catalog_;
+      Parallel::chunks(static_cast<std::int64_t>(names.size()), 1, 1 << 16, [&](std::int64_t begin, std::int64_t end) {
+        for (auto i = begin; i < end; ++i) tieBreak[static_cast<std::size_t>(i)] = c.hasRow(from[i]) ? from[i] : 0;
+      });
+      deviceOrder_ =
+          toColumn(RowOrder::orderFrom(*catalog_, tieBreak, SortKey::device, parentRanks_.span(), ranks));
     }
     return *deviceOrder_;
   }
@@ -450,7 +482,7 @@ void SearchIndex::write(IndexFile::Writer& writer, std::string_view prefix) cons
   writer.add(section(prefix, "parentRanks"), parentRanks_);
   for (std::size_t k = 0; k < storedKeys_.size(); ++k) writer.add(orderSection(prefix, storedKeys_[k]), orders_[k]);
   writer.add(section(prefix, "extensionIds"), extensionIds_);
-  writer.add(section(prefix, "extensions"), encodeTexts(extensions_));
+  writer.add(section(prefix, "extensions"), encodedExtensions_);
   writer.add(section(prefix, "nameGrams"), nameGramMasks_);
   writer.add(section(prefix, "parentPrefixOrder"), parentPrefixOrder_);
   writer.add(section(prefix, "parentRowCounts"), parentRowCounts_);
@@ -460,6 +492,8 @@ void SearchIndex::write(IndexFile::Writer& writer, std::string_view prefix) cons
   writer.add(section(prefix, "nulNames"), names_->nulNames());
   writer.add(section(prefix, "reverseOrder"), names_->reverseOrder());
   writer.add(section(prefix, "extensionCounts"), extensionCounts_);
+  writer.meta()[section(prefix, "separatorNameCount")] = separatorNameCount_;
+  writer.meta()[section(prefix, "indexLayout")] = kLayout;
 }
 
 }  // namespace tarv

@@ -6,10 +6,17 @@
 // separator, and the name-ordered candidate lists.
 //
 // Built from a catalog (all per-row work on the worker pool) or mapped from an
-// index file without copying and without per-row work beyond the bounds checks
-// listed at the reading constructor. Immutable afterwards except the
-// volume-label order, built on first use under its own lock; shared read-only
-// between threads. Holds the catalog and the tables alive.
+// index file without copying and in constant time whatever the record count.
+// Immutable afterwards except what is derived on first use: the volume-label
+// order (under its own lock) and the extension tables (once, thread-safe).
+// Shared read-only between threads. Holds the catalog and the tables alive.
+//
+// Numbers read from a mapped file are not range-checked at load: an order
+// entry, extension id, parent index or row number of a damaged file may lie
+// outside its range. Every user of one as an index checks it where it is
+// used (Catalog::hasRow, parentCount(), extensions().size(), or a table of
+// 65536 entries for extension ids); a damaged file then gives wrong answers,
+// never a read outside a column.
 //
 // Extension ids: id 0 is the empty extension (names without "."), always
 // present. The other distinct extension texts (exact units, irregular
@@ -52,6 +59,9 @@ namespace tarv {
 class SearchIndex {
  public:
   static constexpr std::uint16_t kExtensionOverflow = 65535;
+  // The layout of the sections below, kept in the meta value "indexLayout";
+  // a file of another layout is refused (and a cache file rebuilt).
+  static constexpr int kLayout = 2;
 
   // Builds every structure. Runs on the calling thread and one helper thread
   // of its own (the orders and the name-side tables are built side by side),
@@ -60,12 +70,12 @@ class SearchIndex {
   SearchIndex(CatalogPtr catalog, std::shared_ptr<const Compatibility> compatibility);
 
   // Maps the sections that write() stored under `prefix`; `catalog` must be
-  // the one rebuilt from the same file. Checked before use: every section's
-  // length against the row, parent or extension count; every stored row,
-  // parent and extension number against its range (one linear pass, on the
-  // pool); the extension table's offsets. Throws the reader's
-  // "Missing index section ..." or KernelError::io("Invalid index section " +
-  // name) for a section that fails a check.
+  // the one rebuilt from the same file. Constant-time checks only: the layout
+  // version, every section's length against the row, parent or extension
+  // count, and the extension table's header and last offset. Throws the
+  // reader's "Missing index section ..." / "Missing index value ...",
+  // KernelError::io("Unsupported index layout") for a file of another layout
+  // (an older cache), or KernelError::io("Invalid index section " + name).
   SearchIndex(const IndexFile::Reader& reader, CatalogPtr catalog, std::shared_ptr<const Compatibility> compatibility,
               std::string_view prefix = {});
 
@@ -94,15 +104,18 @@ class SearchIndex {
   RowOrder rowOrder() const noexcept { return RowOrder(*catalog_, *compatibility_, parentRanks_.span()); }
 
   const Column<std::uint16_t>& extensionIds() const noexcept { return extensionIds_; }
-  const std::vector<Text>& extensions() const noexcept { return extensions_; }
+  // The extension texts, the exact-text map and the folded classes are
+  // derived on the first call of any of these (decoded from the mapped
+  // table, once, thread-safe), so loading never pays for them.
+  const std::vector<Text>& extensions() const { return extensionTables().texts; }
   const Column<std::int64_t>& extensionCounts() const noexcept { return extensionCounts_; }
   // Exact extension text to id.
-  const std::unordered_map<Text, std::int32_t>& extensionMap() const noexcept { return extensionMap_; }
+  const std::unordered_map<Text, std::int32_t>& extensionMap() const { return extensionTables().map; }
   // Per id, the index of its folded class.
-  const std::vector<std::int32_t>& extensionClasses() const noexcept { return extensionClasses_; }
+  const std::vector<std::int32_t>& extensionClasses() const { return extensionTables().classes; }
   // The ids whose text equals `extension` (sensitive) or folds equal to it.
   std::vector<std::int32_t> extensionIdsMatching(TextView extension, bool sensitive) const;
-  bool hasOverflowExtensions() const noexcept { return extensions_.size() > kExtensionOverflow; }
+  bool hasOverflowExtensions() const noexcept { return extensionCounts_.size() > kExtensionOverflow; }
 
   const Column<std::uint64_t>& nameGramMasks() const noexcept { return nameGramMasks_; }
   // The bigram mask of `units` with both units of every pair folded: bit
@@ -131,7 +144,14 @@ class SearchIndex {
   void buildOrders();
   std::vector<std::int32_t> buildRowTables();  // returns the rows whose names hold a NUL
   void buildParentPrefixOrder();
-  void deriveExtensionTables();
+  struct ExtensionTables {
+    std::vector<Text> texts;
+    std::unordered_map<Text, std::int32_t> map;
+    std::vector<std::int32_t> classes;
+    std::unordered_map<Text, std::int32_t> classMap;  // folded text to class
+    std::vector<std::vector<std::int32_t>> classMembers;
+  };
+  const ExtensionTables& extensionTables() const;
 
   CatalogPtr catalog_;
   std::shared_ptr<const Compatibility> compatibility_;
@@ -139,17 +159,15 @@ class SearchIndex {
   std::vector<SortKey> storedKeys_;
   std::vector<Column<std::int32_t>> orders_;  // parallel to storedKeys_
   Column<std::uint16_t> extensionIds_;
-  std::vector<Text> extensions_;
+  Column<std::uint16_t> encodedExtensions_;  // the "extensions" section, decoded on first use
   Column<std::uint64_t> nameGramMasks_;
   Column<std::int64_t> extensionCounts_;
   Column<std::int32_t> parentPrefixOrder_;
   Column<std::int32_t> parentRowCounts_;
   Column<std::int64_t> driveParents_;
   Column<std::int64_t> driveNames_;
-  std::unordered_map<Text, std::int32_t> extensionMap_;
-  std::vector<std::int32_t> extensionClasses_;
-  std::unordered_map<Text, std::int32_t> classMap_;  // folded text to class
-  std::vector<std::vector<std::int32_t>> classMembers_;
+  mutable ExtensionTables extensionTables_;
+  mutable std::once_flag extensionOnce_;
   Column<std::uint64_t> separatorNames_;
   std::int64_t separatorNameCount_ = 0;
   std::unique_ptr<NameCandidates> names_;

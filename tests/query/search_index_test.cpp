@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <bit>
 #include <cstdlib>
+#include <functional>
 #include <set>
 #include <string>
 #include <vector>
@@ -303,45 +304,95 @@ TEST(SearchIndex, WriteThenReadIsIdentity) {
   }
 }
 
+// Opening checks shapes only (constant time): a section whose length does not
+// fit its count, a bad extension table header, a file of another layout.
 TEST(SearchIndex, ReadingRejectsSectionsThatDoNotFit) {
   const auto table = syntheticTable();
   const auto catalog = testing::randomCatalog(4, PathFlavor::posix, 100);
   SearchIndex built(catalog, table);
   const std::int32_t n = catalog->count();
-  struct Case {
-    const char* section;
-    std::vector<std::int32_t> values;
+  const auto parents = static_cast<std::size_t>(catalog->parentCount());
+  std::vector<std::uint16_t> extensions;  // the stored table, re-encoded below
+  {
+    testing::TempDir dir;
+    IndexFile::Writer writer(dir / "e.tarvidx");
+    built.write(writer);
+    writer.finish();
+    IndexFile::Reader reader(dir / "e.tarvidx");
+    extensions = values(reader.column<std::uint16_t>("extensions"));
+  }
+  auto withExtensions = [&](auto change) {
+    auto copy = extensions;
+    change(copy);
+    return [copy](IndexFile::Writer& w) { w.add("extensions", copy); };
   };
-  std::vector<std::int32_t> outOfRange(values(built.order(SortKey::size)));
-  outOfRange[7] = n;
-  std::vector<std::int32_t> negative(values(built.names()->reverseOrder()));
-  negative[0] = -1;
-  const std::vector<Case> cases = {{"order.size", outOfRange},
-                                   {"order.name", std::vector<std::int32_t>(static_cast<std::size_t>(n) - 1, 0)},
-                                   {"reverseOrder", negative},
-                                   {"nulNames", {n}},
-                                   {"parentRanks", {0}},
-                                   {"parentPrefixOrder", std::vector<std::int32_t>(built.parentPrefixOrder().size(), -2)}};
+  struct Case {
+    const char* label;
+    std::function<void(IndexFile::Writer&)> apply;
+    std::string message;
+  };
+  auto section = [](const char* name, auto column) {
+    return [name, column](IndexFile::Writer& w) { w.add(name, column); };
+  };
+  const std::string bad = "Invalid index section ";
+  const std::vector<Case> cases = {
+      {"name order one short", section("order.name", std::vector<std::int32_t>(static_cast<std::size_t>(n) - 1, 0)),
+       bad + "order.name"},
+      {"size order one long", section("order.size", std::vector<std::int32_t>(static_cast<std::size_t>(n) + 1, 0)),
+       bad + "order.size"},
+      {"parent ranks for one parent", section("parentRanks", std::vector<std::int32_t>{0}), bad + "parentRanks"},
+      {"prefix order one long", section("parentPrefixOrder", std::vector<std::int32_t>(parents + 1, 0)),
+       bad + "parentPrefixOrder"},
+      {"row counts one short", section("parentRowCounts", std::vector<std::int32_t>(parents - 1, 0)),
+       bad + "parentRowCounts"},
+      {"grams one short", section("nameGrams", std::vector<std::uint64_t>(static_cast<std::size_t>(n) - 1, 0)),
+       bad + "nameGrams"},
+      {"extension ids one short", section("extensionIds", std::vector<std::uint16_t>(static_cast<std::size_t>(n) - 1, 0)),
+       bad + "extensionIds"},
+      {"more NUL names than rows", section("nulNames", std::vector<std::int32_t>(static_cast<std::size_t>(n) + 1, 0)),
+       bad + "nulNames"},
+      {"more drive names than rows", section("driveNames", std::vector<std::int64_t>(static_cast<std::size_t>(n) + 1, 0)),
+       bad + "driveNames"},
+      {"reverse order empty", section("reverseOrder", std::vector<std::int32_t>{}), bad + "reverseOrder"},
+      {"separator bit past the rows",
+       section("separatorNames", std::vector<std::uint64_t>(Bitset::wordCount(n), ~std::uint64_t(0))),
+       bad + "separatorNames"},
+      {"extension counts one long",
+       section("extensionCounts", std::vector<std::int64_t>(built.extensionCounts().size() + 1, 0)),
+       bad + "extensionCounts"},
+      {"extension table without texts", withExtensions([](auto& e) { e.assign({0, 0, 0, 0}); }), bad + "extensions"},
+      {"extension table counts 65537 texts", withExtensions([](auto& e) { e[0] = 1; e[1] = 1; }), bad + "extensions"},
+      {"extension table's last offset short of its units",
+       withExtensions([](auto& e) { e.push_back(u'x'); }), bad + "extensions"},
+      {"extension table's first offset not 0", withExtensions([](auto& e) { e[2] = 1; }), bad + "extensions"},
+      {"separator count above the rows", [&](IndexFile::Writer& w) { w.meta()["separatorNameCount"] = n + 1; },
+       bad + "separatorNameCount"},
+      {"older layout", [](IndexFile::Writer& w) { w.meta().erase("indexLayout"); }, "Unsupported index layout"},
+      {"newer layout", [](IndexFile::Writer& w) { w.meta()["indexLayout"] = SearchIndex::kLayout + 1; },
+       "Unsupported index layout"},
+      {"layout as text", [](IndexFile::Writer& w) { w.meta()["indexLayout"] = "2"; }, "Unsupported index layout"},
+  };
   for (const auto& c : cases) {
     testing::TempDir dir;
     {
       IndexFile::Writer writer(dir / "r.tarvidx");
       built.write(writer);
-      writer.add(c.section, c.values);  // a later section of the same name wins
+      c.apply(writer);  // a later section of the same name wins
       writer.finish();
     }
     IndexFile::Reader reader(dir / "r.tarvidx");
     try {
       SearchIndex read(reader, catalog, table);
-      ADD_FAILURE() << c.section << " was accepted";
+      ADD_FAILURE() << c.label << " was accepted";
     } catch (const KernelError& e) {
-      EXPECT_EQ(e.message(), std::string("Invalid index section ") + c.section);
+      EXPECT_EQ(e.message(), c.message) << c.label;
     }
   }
   testing::TempDir dir;
   {
     IndexFile::Writer writer(dir / "m.tarvidx");
     writer.add("parentRanks", built.parentRanks());
+    writer.meta()["indexLayout"] = SearchIndex::kLayout;
     writer.finish();
   }
   IndexFile::Reader reader(dir / "m.tarvidx");
@@ -350,6 +401,64 @@ TEST(SearchIndex, ReadingRejectsSectionsThatDoNotFit) {
     ADD_FAILURE() << "accepted a file without orders";
   } catch (const KernelError& e) {
     EXPECT_EQ(e.message(), "Missing index section order.name");
+  }
+}
+
+// Values inside the sections are not read at open: entries out of range open
+// fine and are caught where they are used, so the lookups stay in bounds.
+TEST(SearchIndex, OutOfRangeEntriesOpenAndLookupsStayInBounds) {
+  const auto table = syntheticTable();
+  const auto catalog = testing::randomCatalog(4, PathFlavor::posix, 100);
+  SearchIndex built(catalog, table);
+  const std::int32_t n = catalog->count();
+  std::vector<std::int32_t> wild(static_cast<std::size_t>(n));
+  for (std::size_t i = 0; i < wild.size(); ++i) wild[i] = i % 3 == 0 ? -5 - static_cast<std::int32_t>(i) : n + static_cast<std::int32_t>(i);
+  testing::TempDir dir;
+  {
+    IndexFile::Writer writer(dir / "w.tarvidx");
+    built.write(writer);
+    writer.add("order.name", wild);
+    writer.add("reverseOrder", wild);
+    writer.add("nulNames", std::vector<std::int32_t>{n, -1});
+    writer.add("extensionIds", std::vector<std::uint16_t>(static_cast<std::size_t>(n), 60000));
+    // Inner offsets out of order: that text reads as empty, the rest decode.
+    auto encoded = [&] {
+      IndexFile::Writer probe(dir / "p.tarvidx");
+      built.write(probe);
+      probe.finish();
+      return values(IndexFile::Reader(dir / "p.tarvidx").column<std::uint16_t>("extensions"));
+    }();
+    ASSERT_GE(built.extensions().size(), 3u);
+    encoded[2 + 2 * 2] = 0xFFFF;  // the end of text 1, the start of text 2
+    writer.add("extensions", encoded);
+    writer.finish();
+  }
+  IndexFile::Reader reader(dir / "w.tarvidx");
+  SearchIndex read(reader, catalog, table);
+  EXPECT_EQ(values(read.order(SortKey::name)), wild) << "mapped as stored";
+  // The lazily derived tables cope with the damaged text table.
+  ASSERT_EQ(read.extensions().size(), built.extensions().size());
+  EXPECT_TRUE(read.extensions()[1].empty());
+  EXPECT_TRUE(read.extensions()[2].empty());
+  for (std::size_t id = 3; id < built.extensions().size(); ++id) EXPECT_EQ(read.extensions()[id], built.extensions()[id]);
+  EXPECT_EQ(read.extensionClasses().size(), built.extensions().size());
+  // The device order reads the name order as its tie-break: every entry it
+  // holds is a row, whatever the name order held.
+  const auto devices = read.order(SortKey::device);
+  ASSERT_EQ(devices.size(), static_cast<std::size_t>(n));
+  for (const std::int32_t row : devices) ASSERT_TRUE(catalog->hasRow(row)) << row;
+  const NameCandidates& names = *read.names();
+  for (const char16_t* probe : {u"", u"a", u"e.", u"zz"}) {
+    const auto suffix = names.suffixRange(probe);
+    EXPECT_LE(0, suffix.begin);
+    EXPECT_LE(suffix.begin, suffix.end);
+    EXPECT_LE(suffix.end, n);
+    if (const auto prefix = names.prefixRanges(probe))
+      for (const auto& range : *prefix) {
+        EXPECT_LE(0, range.begin);
+        EXPECT_LE(range.begin, range.end);
+        EXPECT_LE(range.end, n);
+      }
   }
 }
 
