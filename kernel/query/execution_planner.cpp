@@ -82,6 +82,10 @@ struct ExecutionPlanner::Filter {
     // parent leaves nothing pending matches only through a separator in its
     // name.
     bool needsSeparator = false;
+    // Per partial state s (a parent ending in text[0..s)): whether every way
+    // the name could finish the match needs a separator in the name, so that
+    // such rows can match only as rows with separator names.
+    std::vector<bool> separatorBound;
   };
 
   struct Step {
@@ -92,6 +96,9 @@ struct ExecutionPlanner::Filter {
     name_literal::UnitSet units;  // units: the units to scan for
     std::array<NameCandidates::Range, 2> ranges{};  // prefix: nameOrder; suffix: reverseOrder (first)
     std::uint32_t path = 0;     // path: index into paths
+    // prefix, suffix: every row of the ranges matches (a folded pattern that
+    // is one literal and one `*`), so only NUL names need the test.
+    bool exact = false;
     Query::NumericFilter numeric;
     std::vector<std::uint32_t> children;
   };
@@ -321,7 +328,15 @@ class Compiler {
       const Text& raw = term.raw;
       const std::size_t first = raw.find_first_of(u"*?");
       const std::size_t last = raw.find_last_of(u"*?");
-      if (nameRanges(term, first, raw.size() - 1 - last, step)) return;
+      if (nameRanges(term, first, raw.size() - 1 - last, step)) {
+        // "abc*" and "*abc": the range itself is the answer, as the ranges
+        // compare folded units exactly as the matcher does.
+        const bool oneStar = first == last && raw[first] == u'*';
+        step.exact = !term.sensitive && oneStar &&
+                     ((step.method == Method::suffix && first == 0) ||
+                      (step.method == Method::prefix && last == raw.size() - 1));
+        return;
+      }
       if (term.nameGrams != 0) {
         step.method = Method::pattern;
         step.mask = term.nameGrams;
@@ -384,26 +399,35 @@ class Compiler {
     p.mask = SearchIndex::gramMask(index_.compatibility(), term.raw);
     const Catalog& catalog = index_.catalog();
     const PathFlavor flavor = catalog.pathFlavor();
-    // A unit of the text that only separators fold to (or are).
+    const std::size_t m = p.text.size();
+    // Units of the text that only separators fold to (or are); per start k,
+    // whether text[k..m) holds one.
     const auto& fold = index_.compatibility().searchTable();
-    for (const Unit x : p.text) {
+    std::vector<bool> tailNeeds(m + 1, false);
+    for (std::size_t i = m; i-- > 0;) {
+      const Unit x = p.text[i];
       bool onlySeparators = true, any = false;
       for (std::uint32_t u = 0; u < 65536 && onlySeparators; ++u) {
         if ((p.sensitive ? u : fold[u]) != x) continue;
         any = true;
         onlySeparators = path_flavor::isSeparator(flavor, static_cast<Unit>(u));
       }
-      if (any && onlySeparators) {
-        p.needsSeparator = true;
-        break;
-      }
+      tailNeeds[i] = tailNeeds[i + 1] || (any && onlySeparators);
     }
-    const std::size_t m = p.text.size();
+    p.needsSeparator = tailNeeds[0];
     p.failure.assign(m, 0);
     for (std::size_t i = 1, k = 0; i < m; ++i) {
       while (k > 0 && p.text[i] != p.text[k]) k = static_cast<std::size_t>(p.failure[k - 1]);
       if (p.text[i] == p.text[k]) ++k;
       p.failure[i] = static_cast<std::int32_t>(k);
+    }
+    // A match finishing in the name starts in the parent at one of the
+    // borders of the parent's state, or lies within the name entirely.
+    p.separatorBound.assign(m + 1, false);
+    for (std::size_t state = 1; state < m; ++state) {
+      bool bound = true;
+      for (std::size_t k = state; k > 0 && bound; k = static_cast<std::size_t>(p.failure[k - 1])) bound = tailNeeds[k];
+      p.separatorBound[state] = bound;
     }
     const std::int32_t parents = catalog.parentCount();
     p.parentState.assign(static_cast<std::size_t>(std::max(parents, 0)), 0);
@@ -548,6 +572,13 @@ class Evaluator {
       for (std::int64_t w = begin >> 6; w << 6 < end; ++w) {
         std::uint64_t candidates = poolWord(pool, w);
         std::uint64_t bits = 0;
+        if (candidates == ~std::uint64_t(0)) {
+          // A full word: every row in turn, without branching on the pool.
+          const auto first = static_cast<std::int32_t>(w << 6);
+          for (int b = 0; b < 64; ++b) bits |= std::uint64_t(test(first + b) ? 1 : 0) << b;
+          words[w] = bits;
+          continue;
+        }
         while (candidates != 0) {
           const int b = std::countr_zero(candidates);
           candidates &= candidates - 1;
@@ -661,9 +692,12 @@ class Evaluator {
     const NameCandidates& names = *index_.names();
     const Column<std::int32_t>& order = step.method == Method::prefix ? names.nameOrder() : names.reverseOrder();
     Bitset out(n_);
-    for (const NameCandidates::Range& range : step.ranges)
-      if (range.size() > 0)
-        setCandidates({order.data() + range.begin, static_cast<std::size_t>(range.size())}, pool, out, test);
+    for (const NameCandidates::Range& range : step.ranges) {
+      if (range.size() <= 0) continue;
+      const std::span<const std::int32_t> rows(order.data() + range.begin, static_cast<std::size_t>(range.size()));
+      if (step.exact) setCandidates(rows, pool, out, [](std::int32_t) { return true; });
+      else setCandidates(rows, pool, out, test);
+    }
     setCandidates(names.nulNames().span(), pool, out, test);
     return out;
   }
@@ -710,18 +744,22 @@ class Evaluator {
     const PathTerm& term = filter_.paths[step.path];
     auto test = [&](std::int32_t r) { return ExecutionPlanner::Filter::pathMatches(term, index_, r); };
     if (!term.needsSeparator) return perRow(pool, test);
-    // Only rows whose parent leaves something pending, and rows whose name
-    // holds a separator, can match.
+    // Only rows whose parent holds the text, rows whose parent leaves a part
+    // that a name without separators can finish, and rows whose name holds
+    // a separator can match.
+    auto open = [&](std::int32_t state) {
+      return state == kFound || (state > 0 && !term.separatorBound[static_cast<std::size_t>(state)]);
+    };
     std::int64_t pending = 0;
     const auto& counts = index_.parentRowCounts();
     for (std::size_t p = 0; p < term.parentState.size(); ++p)
-      if (term.parentState[p] != 0 && term.parentState[p] != kCut) pending += p < counts.size() ? counts[p] : n_;
+      if (open(term.parentState[p])) pending += p < counts.size() ? counts[p] : n_;
     if (pending > n_ / 4 || (pool && pool->count() < pending)) return perRow(pool, test);
     ensureParents();
     Bitset out(n_);
     for (std::size_t p = 0; p < term.parentState.size(); ++p) {
       const std::int32_t state = term.parentState[p];
-      if (state == 0 || state == kCut) continue;
+      if (!open(state)) continue;
       if (state == kFound) setCandidates(groups_.byParent.of(p), pool, out, [](std::int32_t) { return true; });
       else setCandidates(groups_.byParent.of(p), pool, out, test);
     }
