@@ -182,7 +182,12 @@ Column<std::int32_t> JoinedSearch::ordered(std::vector<Bitset>& selections, std:
   }
   selections.clear();
   const bool everyRow = members.empty();
-  auto isMember = [&](std::int32_t id) { return everyRow || Bitset::test(members, id); };
+  // An order mapped from a damaged index file may hold ids past the rows:
+  // they are left out rather than looked up.
+  const auto limit = static_cast<std::uint32_t>(rows);
+  auto isMember = [&](std::int32_t id) {
+    return static_cast<std::uint32_t>(id) < limit && (everyRow || Bitset::test(members, id));
+  };
 
   // Count per chunk, place the chunks by running sums, then copy in parallel.
   // Descending: each chunk is walked backwards and the chunks are placed in
