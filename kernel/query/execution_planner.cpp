@@ -5,6 +5,7 @@
 #include <atomic>
 #include <bit>
 #include <mutex>
+#include <optional>
 #include <span>
 #include <utility>
 #include <vector>
@@ -94,6 +95,8 @@ struct ExecutionPlanner::Filter {
     std::int64_t estimate = 0;  // rows the step may select, for ordering
     std::uint64_t mask = 0;     // literal, pattern: the name-bigram bits
     name_literal::UnitSet units;  // units: the units to scan for
+    // literal, literalOr: the first unit of each text, when a set holds it.
+    std::vector<std::optional<name_literal::UnitSet>> firsts;
     std::array<NameCandidates::Range, 2> ranges{};  // prefix: nameOrder; suffix: reverseOrder (first)
     std::uint32_t path = 0;     // path: index into paths
     // prefix, suffix: every row of the ranges matches (a folded pattern that
@@ -235,6 +238,9 @@ class Compiler {
       literals.term = &term;
       literals.estimate = rows() / 8;
       for (const std::size_t i : term.literalOr->literalChildren) covered[i] = true;
+      for (const MultiLiteralOr::Literal& literal : term.literalOr->literals)
+        literals.firsts.push_back(
+            name_literal::unitsMatching(literal.text[0], literal.sensitive, index_.compatibility()));
       step.children.push_back(static_cast<std::uint32_t>(filter_.steps.size()));
       filter_.steps.push_back(std::move(literals));
     }
@@ -356,6 +362,7 @@ class Compiler {
     step.method = Method::literal;
     step.mask = term.nameGrams;
     step.estimate = n / 16;
+    step.firsts.push_back(name_literal::unitsMatching(term.text[0], term.sensitive, index_.compatibility()));
   }
 
   void extension(const Term& term, Step& step) {
@@ -627,6 +634,11 @@ class Evaluator {
     const TextView text = term.text;
     if (term.whole)
       return maskScan(pool, step.mask, [&](std::int32_t r) { return Query::textMatches(term, catalog_.nameUnits(r), table_); });
+    if (!step.firsts.empty() && step.firsts.front()) {
+      const name_literal::UnitSet& first = *step.firsts.front();
+      return maskScan(pool, step.mask,
+                      [&](std::int32_t r) { return name_literal::contains(catalog_.nameUnits(r), text, first, fold_); });
+    }
     const bool sensitive = term.sensitive;
     return maskScan(pool, step.mask, [&](std::int32_t r) {
       return name_literal::contains(catalog_.nameUnits(r), text, sensitive, fold_);
@@ -639,9 +651,14 @@ class Evaluator {
     return maskScan(pool, alternatives.commonMask, [&](std::int32_t r) {
       const std::uint64_t m = masks[r];
       const TextView name = catalog_.nameUnits(r);
-      for (const MultiLiteralOr::Literal& literal : alternatives.literals)
-        if ((m & literal.mask) == literal.mask && name_literal::contains(name, literal.text, literal.sensitive, fold_))
+      for (std::size_t i = 0; i < alternatives.literals.size(); ++i) {
+        const MultiLiteralOr::Literal& literal = alternatives.literals[i];
+        if ((m & literal.mask) != literal.mask) continue;
+        const auto& first = step.firsts[i];
+        if (first ? name_literal::contains(name, literal.text, *first, fold_)
+                  : name_literal::contains(name, literal.text, literal.sensitive, fold_))
           return true;
+      }
       return false;
     });
   }

@@ -28,9 +28,6 @@ std::optional<UnitSet> unitsMatching(Unit unit, bool sensitive, const Compatibil
   return set;
 }
 
-namespace {
-
-// Position of the first unit that `set` accepts in [from, to), or `to`.
 std::size_t findAny(const char16_t* names, std::size_t from, std::size_t to, const UnitSet& set) noexcept {
   std::size_t p = from;
 #if defined(__SSE2__)
@@ -58,8 +55,6 @@ std::size_t findAny(const char16_t* names, std::size_t from, std::size_t to, con
     if (names[p] != 0 && set.accepts(names[p])) return p;
   return to;
 }
-
-}  // namespace
 
 std::int64_t scanUnits(const Catalog& catalog, const UnitSet& set, std::int64_t begin, std::int64_t end,
                        const std::uint64_t* pool, std::uint64_t* words) noexcept {

@@ -55,6 +55,30 @@ struct UnitSet {
 // to it.
 std::optional<UnitSet> unitsMatching(Unit unit, bool sensitive, const Compatibility& compatibility);
 
+// Position of the first unit in [from, to) of `units` that `set` accepts,
+// or `to`. Reads nothing outside [from, to).
+std::size_t findAny(const char16_t* units, std::size_t from, std::size_t to, const UnitSet& set) noexcept;
+
+// contains() with the first unit of `text` looked for through `first` (its
+// UnitSet), eight units at a time.
+inline bool contains(TextView name, TextView text, const UnitSet& first, const std::uint16_t* fold) noexcept {
+  const std::size_t m = text.size();
+  if (m == 0) return true;
+  if (name.size() < m) return false;
+  const char16_t* units = name.data();
+  const std::size_t end = name.size() - m + 1;  // starts that leave room
+  for (std::size_t p = findAny(units, 0, end, first); p < end; p = findAny(units, p + 1, end, first)) {
+    std::size_t j = 1;
+    if (first.sensitive) {
+      while (j < m && units[p + j] == text[j]) ++j;
+    } else {
+      while (j < m && fold[units[p + j]] == text[j]) ++j;
+    }
+    if (j == m) return true;
+  }
+  return false;
+}
+
 // Sets in `words` (bit r for row r, words owned by the caller for rows
 // begin ..< end, begin a multiple of 64) every row of `catalog` in that
 // range whose name holds a unit of `set` and whose bit is set in `pool`

@@ -231,8 +231,33 @@ TEST(NameLiteral, ContainsFoldsNamesNotTexts) {
       {"kelvin sign folds to k", u"\u212Aelvin", u"kel", false, true},
       {"empty text", u"x", u"", false, true},
   };
-  for (const Case& c : cases)
+  for (const Case& c : cases) {
     EXPECT_EQ(name_literal::contains(c.name, c.text, c.sensitive, fold.data()), c.expected) << c.label;
+    if (c.text.empty()) continue;
+    // The anchored form: the first unit found eight at a time.
+    const auto first = name_literal::unitsMatching(c.text[0], c.sensitive, *realTable());
+    ASSERT_TRUE(first.has_value()) << c.label;
+    EXPECT_EQ(name_literal::contains(c.name, c.text, *first, fold.data()), c.expected) << c.label;
+  }
+}
+
+TEST(NameLiteral, AnchoredSearchAgreesOnLongAndMixedNames) {
+  // Names across the eight-unit blocks, the wanted unit at every offset,
+  // accented and wide units around it.
+  const auto& fold = realTable()->searchTable();
+  const std::u16string filler = u"abcdefghij\u00e9\u212Aklmnopqrstuvwxyz0123456789";
+  for (const std::u16string text : {u"kl", u"qrs", u"\u00e9k", u"9", u"xyz0123456789"}) {
+    const auto first = name_literal::unitsMatching(fold[text[0]], false, *realTable());
+    ASSERT_TRUE(first.has_value());
+    std::u16string folded;
+    for (Unit u : text) folded += static_cast<Unit>(fold[u]);
+    for (std::size_t length = 0; length <= filler.size(); ++length) {
+      const std::u16string name = filler.substr(filler.size() - length);
+      EXPECT_EQ(name_literal::contains(name, folded, *first, fold.data()),
+                name_literal::contains(name, folded, false, fold.data()))
+          << utf8(text) << " in " << utf8(name);
+    }
+  }
 }
 
 TEST(NameLiteral, UnitsMatchingListsEveryFoldedForm) {
