@@ -239,8 +239,7 @@ class Compiler {
       literals.estimate = rows() / 8;
       for (const std::size_t i : term.literalOr->literalChildren) covered[i] = true;
       for (const MultiLiteralOr::Literal& literal : term.literalOr->literals)
-        literals.firsts.push_back(
-            name_literal::unitsMatching(literal.text[0], literal.sensitive, index_.compatibility()));
+        literals.firsts.push_back(units().of(literal.text[0], literal.sensitive));
       step.children.push_back(static_cast<std::uint32_t>(filter_.steps.size()));
       filter_.steps.push_back(std::move(literals));
     }
@@ -352,7 +351,7 @@ class Compiler {
     }
     if (term.whole && nameRanges(term, term.text.size(), 0, step)) return;
     if (term.text.size() == 1 && !term.whole) {
-      if (auto set = name_literal::unitsMatching(term.text[0], term.sensitive, index_.compatibility())) {
+      if (auto set = units().of(term.text[0], term.sensitive)) {
         step.units = *set;
         step.method = Method::units;
         step.estimate = n / 2;
@@ -362,7 +361,7 @@ class Compiler {
     step.method = Method::literal;
     step.mask = term.nameGrams;
     step.estimate = n / 16;
-    step.firsts.push_back(name_literal::unitsMatching(term.text[0], term.sensitive, index_.compatibility()));
+    step.firsts.push_back(units().of(term.text[0], term.sensitive));
   }
 
   void extension(const Term& term, Step& step) {
@@ -409,18 +408,9 @@ class Compiler {
     const std::size_t m = p.text.size();
     // Units of the text that only separators fold to (or are); per start k,
     // whether text[k..m) holds one.
-    const auto& fold = index_.compatibility().searchTable();
+    const std::vector<bool>& separatorOnly = separatorOnlyUnits(p.sensitive, flavor);
     std::vector<bool> tailNeeds(m + 1, false);
-    for (std::size_t i = m; i-- > 0;) {
-      const Unit x = p.text[i];
-      bool onlySeparators = true, any = false;
-      for (std::uint32_t u = 0; u < 65536 && onlySeparators; ++u) {
-        if ((p.sensitive ? u : fold[u]) != x) continue;
-        any = true;
-        onlySeparators = path_flavor::isSeparator(flavor, static_cast<Unit>(u));
-      }
-      tailNeeds[i] = tailNeeds[i + 1] || (any && onlySeparators);
-    }
+    for (std::size_t i = m; i-- > 0;) tailNeeds[i] = tailNeeds[i + 1] || separatorOnly[p.text[i]];
     p.needsSeparator = tailNeeds[0];
     p.failure.assign(m, 0);
     for (std::size_t i = 1, k = 0; i < m; ++i) {
@@ -431,10 +421,11 @@ class Compiler {
     // A match finishing in the name starts in the parent at one of the
     // borders of the parent's state, or lies within the name entirely.
     p.separatorBound.assign(m + 1, false);
+    // The borders of a state are the state itself and the borders of its
+    // longest proper border, so one pass in increasing order suffices.
     for (std::size_t state = 1; state < m; ++state) {
-      bool bound = true;
-      for (std::size_t k = state; k > 0 && bound; k = static_cast<std::size_t>(p.failure[k - 1])) bound = tailNeeds[k];
-      p.separatorBound[state] = bound;
+      const auto border = static_cast<std::size_t>(p.failure[state - 1]);
+      p.separatorBound[state] = tailNeeds[state] && (border == 0 || p.separatorBound[border]);
     }
     const std::int32_t parents = catalog.parentCount();
     p.parentState.assign(static_cast<std::size_t>(std::max(parents, 0)), 0);
@@ -462,8 +453,30 @@ class Compiler {
     filter_.paths.push_back(std::move(p));
   }
 
+  // Built on first use, once per plan, so each term costs no pass over the
+  // tables.
+  const name_literal::UnitIndex& units() {
+    if (!units_) units_.emplace(index_.compatibility());
+    return *units_;
+  }
+
+  // Per compared unit: something folds to (or is) it, and only separators.
+  const std::vector<bool>& separatorOnlyUnits(bool sensitive, PathFlavor flavor) {
+    std::vector<bool>& table = separatorOnly_[sensitive ? 1 : 0];
+    if (!table.empty()) return table;
+    std::vector<std::uint8_t> seen(65536, 0);  // bit 0: a separator, bit 1: another unit
+    const auto& fold = index_.compatibility().searchTable();
+    for (std::uint32_t u = 0; u < 65536; ++u)
+      seen[sensitive ? u : fold[u]] |= path_flavor::isSeparator(flavor, static_cast<Unit>(u)) ? 1 : 2;
+    table.resize(65536);
+    for (std::size_t x = 0; x < 65536; ++x) table[x] = seen[x] == 1;
+    return table;
+  }
+
   const SearchIndex& index_;
   ExecutionPlanner::Filter& filter_;
+  std::optional<name_literal::UnitIndex> units_;
+  std::vector<bool> separatorOnly_[2];
 };
 
 ExecutionPlanner::Strategy strategyOf(Method method) noexcept {

@@ -28,6 +28,41 @@ std::optional<UnitSet> unitsMatching(Unit unit, bool sensitive, const Compatibil
   return set;
 }
 
+UnitIndex::UnitIndex(const Compatibility& compatibility)
+    : fold_(compatibility.searchTable().data()), entries_(65536) {
+  for (std::uint32_t u = 0; u < 65536; ++u) {
+    Entry& e = entries_[fold_[u]];
+    if (u == 0) {
+      e.unusable = true;
+    } else if (u >= 0x80) {
+      e.wide = true;
+    } else if (e.asciiCount == UnitSet::kMaxAscii) {
+      e.unusable = true;
+    } else {
+      e.ascii[e.asciiCount++] = static_cast<Unit>(u);
+    }
+  }
+}
+
+std::optional<UnitSet> UnitIndex::of(Unit unit, bool sensitive) const noexcept {
+  UnitSet set;
+  set.target = unit;
+  set.sensitive = sensitive;
+  set.fold = fold_;
+  if (sensitive) {
+    if (unit == 0) return std::nullopt;
+    if (unit < 0x80) set.ascii[set.asciiCount++] = unit;
+    else set.wide = true;
+    return set;
+  }
+  const Entry& e = entries_[unit];
+  if (e.unusable) return std::nullopt;
+  std::copy(e.ascii, e.ascii + e.asciiCount, set.ascii);
+  set.asciiCount = e.asciiCount;
+  set.wide = e.wide;
+  return set;
+}
+
 std::size_t findAny(const char16_t* names, std::size_t from, std::size_t to, const UnitSet& set) noexcept {
   std::size_t p = from;
 #if defined(__SSE2__)

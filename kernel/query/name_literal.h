@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <optional>
 #include <span>
+#include <vector>
 
 #include "kernel/base/text.h"
 #include "kernel/catalog/catalog.h"
@@ -54,6 +55,25 @@ struct UnitSet {
 // terminator of stored names) would be wanted or too many ASCII units fold
 // to it.
 std::optional<UnitSet> unitsMatching(Unit unit, bool sensitive, const Compatibility& compatibility);
+
+// unitsMatching for many units: the fold table inverted once (ASCII
+// preimages, whether a wider unit or NUL folds to each unit), so each set
+// costs no pass over the table.
+class UnitIndex {
+ public:
+  explicit UnitIndex(const Compatibility& compatibility);
+  std::optional<UnitSet> of(Unit unit, bool sensitive) const noexcept;
+
+ private:
+  struct Entry {
+    Unit ascii[UnitSet::kMaxAscii] = {};
+    std::uint8_t asciiCount = 0;
+    bool wide = false;
+    bool unusable = false;  // NUL or too many ASCII units fold to it
+  };
+  const std::uint16_t* fold_;
+  std::vector<Entry> entries_;
+};
 
 // Position of the first unit in [from, to) of `units` that `set` accepts,
 // or `to`. Reads nothing outside [from, to).

@@ -197,7 +197,7 @@ TEST(ExecutionPlanner, PathTermsFindSeparatorsInsideNames) {
 TEST(ExecutionPlanner, QueriesBeyondTheBudgetsStayExact) {
   const ExecutionPlanner planner(bigIndex());
   std::string wide;
-  for (int i = 0; i < 20000; ++i) wide += (i > 0 ? "|" : "") + std::string("tool") + std::to_string(i * 7);
+  for (int i = 0; i < 5000; ++i) wide += (i > 0 ? "|" : "") + std::string("tool") + std::to_string(i * 7);
   std::string deep;
   for (int i = 0; i < 5000; ++i) deep += i % 2 == 0 ? "<" : "!";
   deep += "ext:txt";
@@ -206,10 +206,13 @@ TEST(ExecutionPlanner, QueriesBeyondTheBudgetsStayExact) {
   for (int i = 0; i < 300; ++i) parents += "parent:/usr/x" + std::to_string(i) + "|";
   parents += "parent:/usr/bin";
   const auto start = std::chrono::steady_clock::now();
-  for (const std::string& q : {wide, deep, longText, parents, std::string(3000, '!') + "x"})
+  // A text whose every prefix is a border of the next: quadratic work per
+  // state would show here.
+  const std::string longPath = "path:" + std::string(50000, 'o') + "/";
+  for (const std::string& q : {wide, deep, longText, parents, longPath, std::string(3000, '!') + "x"})
     expectExact(planner, q, q.substr(0, 40));
-  // Linear work: well under a second even on a loaded machine.
-  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(20));
+  // Linear work: a few seconds at most even on a loaded machine.
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(10));
 }
 
 TEST(NameLiteral, ContainsFoldsNamesNotTexts) {
@@ -273,6 +276,23 @@ TEST(NameLiteral, UnitsMatchingListsEveryFoldedForm) {
   EXPECT_FALSE(sensitive->wide);
   EXPECT_FALSE(sensitive->accepts(u'k'));
   EXPECT_FALSE(name_literal::unitsMatching(0, false, *realTable()).has_value());
+}
+
+TEST(NameLiteral, UnitIndexGivesTheSetsOfTheTableWalk) {
+  const name_literal::UnitIndex index(*realTable());
+  for (std::uint32_t u = 0; u < 65536; u += 97) {
+    for (const bool sensitive : {false, true}) {
+      const Unit unit = static_cast<Unit>(sensitive ? u : realTable()->fold(static_cast<Unit>(u)));
+      const auto walked = name_literal::unitsMatching(unit, sensitive, *realTable());
+      const auto indexed = index.of(unit, sensitive);
+      ASSERT_EQ(walked.has_value(), indexed.has_value()) << u;
+      if (!walked) continue;
+      EXPECT_EQ(std::vector<Unit>(walked->ascii, walked->ascii + walked->asciiCount),
+                std::vector<Unit>(indexed->ascii, indexed->ascii + indexed->asciiCount))
+          << u;
+      EXPECT_EQ(walked->wide, indexed->wide) << u;
+    }
+  }
 }
 
 TEST(NameLiteral, ScanUnitsSetsEachRowOnceWithinItsRange) {
