@@ -546,8 +546,7 @@ class Evaluator {
           return id < hits.size() && hits[id];
         });
       }
-      case Method::numeric:
-        return perRow(pool, [&](std::int32_t r) { return QueryOptimizer::passes(step.numeric, catalog_, r); });
+      case Method::numeric: return numeric(step.numeric, pool);
       case Method::allOf: {
         Bitset acc = run(step.children.front(), pool);
         for (std::size_t i = 1; i < step.children.size() && !acc.none(); ++i) acc = run(step.children[i], &acc);
@@ -640,6 +639,38 @@ class Evaluator {
       }
     });
     return out;
+  }
+
+  // The merged numeric filter with its columns resolved once: per row a type
+  // bit and, per field, one load and two comparisons, all inlined.
+  Bitset numeric(const Query::NumericFilter& filter, const Bitset* pool) const {
+    struct Field {
+      const std::uint64_t* values;  // null: the column is absent (all unknown)
+      Query::Bounds bounds;
+    };
+    const Catalog::Parts& parts = catalog_.parts();
+    std::array<Field, 4> fields{};
+    std::size_t count = 0;
+    auto add = [&](int bit, const std::uint64_t* values, const Query::Bounds& bounds) {
+      if (filter.fields & bit) fields[count++] = {values, bounds};
+    };
+    add(1, parts.sizes.data(), filter.size);
+    add(2, parts.modifiedTimes.data(), filter.modified);
+    add(4, parts.createdTimes ? parts.createdTimes->data() : nullptr, filter.created);
+    add(8, parts.allocations ? parts.allocations->data() : nullptr, filter.allocated);
+    const std::uint32_t* tags = parts.parentTags.data();
+    const int types = filter.types;
+    return perRow(pool, [&](std::int32_t r) {
+      const int type = (tags[r] & kFolderBit) != 0 ? 2 : 1;
+      if ((types & type) == 0) return false;
+      for (std::size_t i = 0; i < count; ++i) {
+        const Field& f = fields[i];
+        const std::uint64_t v = f.values != nullptr ? f.values[r] : kUnknown64;
+        if (f.bounds.unknown && v != kUnknown64) return false;
+        if (f.bounds.known && (v == kUnknown64 || v < f.bounds.low || v > f.bounds.high)) return false;
+      }
+      return true;
+    });
   }
 
   Bitset literal(const Step& step, const Bitset* pool) const {
