@@ -178,7 +178,7 @@ class Compiler {
       case Kind::folder:
         step.method = Method::numeric;
         QueryOptimizer::merge(step.numeric, term);
-        step.estimate = rows() / 2;
+        step.estimate = numericEstimate(step.numeric);
         break;
     }
     if (filter_.steps.size() > kMaxSteps) {
@@ -210,7 +210,7 @@ class Compiler {
       merged.method = Method::numeric;
       merged.term = &term;
       merged.numeric = *numeric;
-      merged.estimate = rows() / 4;
+      merged.estimate = numericEstimate(merged.numeric);
       step.children.push_back(static_cast<std::uint32_t>(filter_.steps.size()));
       filter_.steps.push_back(std::move(merged));
     }
@@ -266,6 +266,14 @@ class Compiler {
     step.method = Method::negate;
     step.children.push_back(c);
     step.estimate = rows();
+  }
+
+  // The folder count is known exactly; a value range is guessed to keep half.
+  std::int64_t numericEstimate(const Query::NumericFilter& filter) const noexcept {
+    const std::int64_t folders = index_.catalog().folderCount();
+    const std::int64_t typed = filter.types == 3 ? rows() : filter.types == 2 ? folders
+                             : filter.types == 1 ? rows() - folders : 0;
+    return filter.fields != 0 ? typed / 2 : typed;
   }
 
   // A composite left with one operand becomes that operand.
