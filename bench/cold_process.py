@@ -9,7 +9,10 @@ For each source format of one data set (bench/datasets writes them):
   mapped  `tarv status` and `tarv search` with a warm cache, each run RUNS
           times as a new process: median and best wall time and median CPU
           time (user + system of all threads), and the mapping phase from
-          the trace;
+          the trace; for each search also one traced run giving the engine's
+          own search time (end of loading to the planner's total line) and
+          the resident memory then, so the process's overhead beyond its
+          search is the wall time less that;
 
 then the same for one configuration that joins every format's source (three
 copies of the paths under different roots), whose global orders are merged
@@ -40,6 +43,7 @@ HERE = os.path.dirname(os.path.abspath(__file__))
 QUERIES = ["zlib", "libc.so", "ext:h stdio"]
 PLOCATE_QUERIES = ["zlib", "libc.so", "stdio.h"]
 TRACE = re.compile(r"phase=(\S+) event=end rssMiB=(\S+) durationMs=(\S+)")
+ELAPSED = re.compile(r"elapsedMs=(\S+) phase=(\S+) event=(\S+) rssMiB=(\S+)")
 
 
 def timed(command, env):
@@ -59,6 +63,22 @@ def phases(trace):
             total, _ = found.get(name, (0.0, 0.0))
             found[name] = (total + ms, rss)
     return found
+
+
+def search_share(trace):
+    """From one traced search: ms from the end of loading to the planner's
+    total line (the engine's own search), and resident MiB at that line."""
+    loaded, done, rss = 0.0, None, 0.0
+    for line in trace.splitlines():
+        match = ELAPSED.search(line)
+        if not match:
+            continue
+        ms, phase, event = float(match.group(1)), match.group(2), match.group(3)
+        if event == "end" and (phase.startswith("source.") or phase.startswith("join.")):
+            loaded = max(loaded, ms)
+        if phase == "query.plan" and event == "total":
+            done, rss = ms, float(match.group(4))
+    return (None, rss) if done is None else (done - loaded, rss)
 
 
 def cpu_seconds():
@@ -160,6 +180,10 @@ def main():
                 listed = repeat([tarv, "search", query, "--config", config], env, args.runs)
                 counted = repeat([tarv, "search", query, "--count", "--config", config], env, args.runs)
                 print(f"  search {query!r:16} list {listed}   count {counted}")
+                _, trace, _ = timed([tarv, "search", query, "--count", "--config", config], traced)
+                engine, rss = search_share(trace)
+                if engine is not None:
+                    print(f"  {'':23} traced --count: engine search {engine:.1f} ms, resident {rss:.1f} MiB")
 
         plocate_build = shutil.which("plocate-build") or "/usr/sbin/plocate-build"
         plocate = shutil.which("plocate")
