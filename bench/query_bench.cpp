@@ -45,6 +45,7 @@ const std::vector<BenchQuery> kSuite = {
     {"literal", "copyright", "name-asc"},
     {"literal", "qwertyuiopasdf", "name-asc"},
     {"literal", "gnome shell", "name-asc"},
+    {"literal", "e", "name-asc"},
     {"wildcard", "*.so", "name-asc"},
     {"wildcard", "lib*.a", "name-asc"},
     {"wildcard", "*.py?", "name-asc"},
