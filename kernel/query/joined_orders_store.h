@@ -46,6 +46,11 @@ class JoinedOrdersStore {
 
   // The stored state when it is usable for `request`; otherwise calls
   // `merge` once and returns its result. Throws only what `merge` throws.
+  // Stored state is checked for its shape only (one order of `total` ids per
+  // key, one rank per parent text), in constant time: the values are not
+  // read, so an id may lie outside 0 ..< total and a rank out of range. The
+  // joined search checks an id before it looks anything up with it and only
+  // ever compares ranks.
   virtual Joined obtain(const Request& request, const std::function<Joined()>& merge) const = 0;
 };
 
