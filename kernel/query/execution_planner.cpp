@@ -836,6 +836,8 @@ class Evaluator {
     const std::span<const std::uint64_t> separators = index_.separatorNames();
     Bitset named(std::vector<std::uint64_t>(separators.begin(), separators.end()));
     named.words().resize(Bitset::wordCount(n_), 0);
+    // Bits past the last row (a damaged file) name no row.
+    if (n_ % 64 != 0 && !named.words().empty()) named.words().back() &= (std::uint64_t(1) << (n_ % 64)) - 1;
     if (pool) named.intersect(*pool);
     out.unite(perRow(&named, test));
     return out;

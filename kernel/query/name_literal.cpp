@@ -96,16 +96,22 @@ std::int64_t scanUnits(const Catalog& catalog, const UnitSet& set, std::int64_t 
   if (begin >= end) return 0;
   const char16_t* names = catalog.parts().names.data();
   const std::int32_t* starts = catalog.parts().nameStarts.data();
+  // Offsets come from a mapped file and are trusted for nothing but order:
+  // every position read is kept inside the name units, and a damaged file
+  // gives wrong rows, never a read outside them.
+  const std::size_t size = catalog.parts().names.size();
+  auto offset = [&](std::int64_t row) { return std::min<std::size_t>(static_cast<std::uint32_t>(starts[row]), size); };
   std::int64_t found = 0;
   std::int64_t row = begin;
-  auto to = static_cast<std::size_t>(starts[end]);
-  std::size_t p = static_cast<std::size_t>(starts[begin]);
+  const std::size_t to = offset(end);
+  std::size_t p = offset(begin);
   while (row < end) {
     p = findAny(names, p, to, set);
     if (p >= to) break;
     // The row holding position p: the last start not above it.
     const std::int32_t* next = std::upper_bound(starts + row + 1, starts + end + 1, static_cast<std::int32_t>(p));
     row = (next - starts) - 1;
+    if (row >= end) break;
     // Stored names are NUL-terminated and NUL is never wanted, so p lies
     // inside the name of `row`.
     const std::uint64_t bit = std::uint64_t(1) << (row & 63);
@@ -114,7 +120,7 @@ std::int64_t scanUnits(const Catalog& catalog, const UnitSet& set, std::int64_t 
       ++found;
     }
     ++row;
-    p = static_cast<std::size_t>(starts[row]);
+    p = std::max(p + 1, offset(row));
   }
   return found;
 }

@@ -8,6 +8,7 @@
 
 #include <chrono>
 #include <filesystem>
+#include <random>
 #include <string>
 #include <vector>
 
@@ -315,6 +316,27 @@ TEST(NameLiteral, ScanUnitsSetsEachRowOnceWithinItsRange) {
   }
   EXPECT_EQ(found, expected);
   EXPECT_GT(found, 0);
+}
+
+TEST(NameLiteral, ScanUnitsStaysInsideDamagedOffsets) {
+  // Offsets from a damaged file: out of order, negative, past the units.
+  std::vector<Entry> entries;
+  for (int i = 0; i < 200; ++i) entries.push_back({"/d/qq" + std::to_string(i)});
+  const auto good = indexOf(entries);
+  Catalog::Parts parts = good->catalog().parts();
+  std::vector<std::int32_t> starts(parts.nameStarts.begin(), parts.nameStarts.end());
+  std::mt19937 random(7);
+  for (std::size_t i = 1; i + 1 < starts.size(); i += 3)
+    starts[i] = static_cast<std::int32_t>(random() % 3 == 0 ? -5 : random() % 100000);
+  parts.nameStarts = Column<std::int32_t>::owned(std::move(starts));
+  const Catalog damaged(std::move(parts));
+  const auto q = name_literal::unitsMatching(u'q', false, *realTable());
+  ASSERT_TRUE(q.has_value());
+  std::vector<std::uint64_t> words(Bitset::wordCount(damaged.count()) + 1, 0);
+  const std::int64_t found = name_literal::scanUnits(damaged, *q, 0, damaged.count(), nullptr, words.data());
+  EXPECT_LE(found, damaged.count());
+  EXPECT_EQ(words.back(), 0u);  // nothing set past the rows
+  EXPECT_EQ(Bitset::count(words), found);
 }
 
 TEST(QueryOptimizer, MergedNumericFilterAgreesWithItsTerms) {
