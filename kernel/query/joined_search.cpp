@@ -2,11 +2,13 @@
 
 #include <algorithm>
 #include <limits>
+#include <new>
 
 #include "kernel/base/json.h"
 #include "kernel/base/kernel_error.h"
 #include "kernel/base/sha256.h"
 #include "kernel/query/parallel.h"
+#include "kernel/query/search_memory.h"
 
 namespace tarv {
 namespace {
@@ -135,6 +137,16 @@ int JoinedSearch::compare(std::int32_t a, std::int32_t b, SortSpec spec) const n
 
 JoinedSearch::Result JoinedSearch::search(std::string_view query, std::string_view sort) const {
   const SortSpec spec = SortSpec::validated(sort);
+  try {
+    return searchValidated(query, spec);
+  } catch (const std::bad_alloc&) {
+    // The up-front check cannot see every allocation (the per-source
+    // selections, other processes taking memory meanwhile).
+    throw KernelError::invalid(std::string(SearchMemory::kMessage));
+  }
+}
+
+JoinedSearch::Result JoinedSearch::searchValidated(std::string_view query, SortSpec spec) const {
   const Text units = utf16(query);
   Result result;
   std::vector<Bitset> selections;
@@ -148,6 +160,7 @@ JoinedSearch::Result JoinedSearch::search(std::string_view query, std::string_vi
     result.strategies.push_back(selection.strategy);
     selections.push_back(std::move(selection.rows));
   }
+  SearchMemory::checkResult(result.total, total(), spec.descending, tuning_.memoryBudget);
   result.ids = ordered(selections, result.total, spec);
   return result;
 }

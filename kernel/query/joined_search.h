@@ -13,8 +13,10 @@
 // Errors: construction throws KernelError::invalid when the sources and
 // indexes do not pair up or the rows of all sources exceed 2^31 - 1;
 // search() throws KernelError::invalid("Unsupported sort: " + name) before
-// any source is searched; row() throws KernelError::invalid for an id out of
-// range.
+// any source is searched, and KernelError::invalid(SearchMemory::kMessage)
+// when the result would not fit in memory (checked before it is allocated,
+// and for any allocation that fails during the search); row() throws
+// KernelError::invalid for an id out of range.
 
 #include <cstdint>
 #include <memory>
@@ -66,6 +68,8 @@ class JoinedSearch {
     std::int64_t sortRatio = 1024;
     std::int64_t scanMinimum = ExecutionPlanner::kScanMinimum;  // rows per scan chunk
     std::int64_t walkMinimum = 1 << 16;                          // order entries per walk chunk
+    // Bytes an ordered result may take; absent: what the system can still give.
+    std::optional<std::uint64_t> memoryBudget;
   };
 
   struct Result {
@@ -120,6 +124,7 @@ class JoinedSearch {
   int compare(std::int32_t a, std::int32_t b, SortSpec spec) const noexcept;
 
  private:
+  Result searchValidated(std::string_view query, SortSpec spec) const;
   Column<std::int32_t> ordered(std::vector<Bitset>& selections, std::int64_t total, SortSpec spec) const;
 
   std::vector<Source> sources_;
