@@ -26,7 +26,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
       fuzz::check(section.offset >= IndexFile::kHeaderBytes && section.offset + section.bytes <= reader.size(),
                   "section outside the file");
     CatalogPtr catalog = std::make_shared<const Catalog>(readCatalog(reader, {}, "fuzz"));
-    fuzz::walkCatalog(*catalog);
+    fuzz::walkCatalog(*catalog, /*built=*/false);
     auto index = std::make_shared<const SearchIndex>(reader, catalog, fuzz::table());
     JoinedSearch search({{"fuzz", "Fuzz", catalog}}, {index}, {""}, fuzz::table());
     static const char* const queries[] = {"", "a", "ext:txt", "*.pdf|folder:", "size:>1kb dm:2026", "/usr/ b"};
