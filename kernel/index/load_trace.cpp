@@ -82,7 +82,10 @@ std::string LoadTrace::formatLine(std::chrono::system_clock::time_point now, lon
 void LoadTrace::event(std::string_view phase, std::string_view event, std::string_view detail) noexcept {
   if (!enabled()) return;
   try {
-    const auto elapsed = std::chrono::duration_cast<std::chrono::nanoseconds>(Clock::now() - processStart()).count();
+    // The start is fixed before the clock is read: the first event sets it,
+    // and the two operands of one subtraction may be evaluated in either order.
+    const Clock::time_point start = processStart();
+    const auto elapsed = std::chrono::duration_cast<std::chrono::nanoseconds>(Clock::now() - start).count();
     const std::optional<std::uint64_t> resident = platform::residentMemoryBytes();
     writeLine(formatLine(std::chrono::system_clock::now(), static_cast<long>(::getpid()), elapsed, phase, event,
                          resident ? &*resident : nullptr, detail));
