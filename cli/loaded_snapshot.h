@@ -22,10 +22,17 @@ class LoadedSnapshot {
  public:
   virtual ~LoadedSnapshot() = default;
 
-  // The matching global ids, in the order of `sort`; its size is the number
-  // of matches. Throws KernelError::invalid("Unsupported sort: " + sort) for
-  // an unknown sort name, before any source is searched.
-  virtual Column<std::int32_t> search(const std::string& query, const std::string& sort) const = 0;
+  // What a search found: how many rows match, and the first of them.
+  struct Matches {
+    std::int64_t total = 0;
+    Column<std::int32_t> ids;  // the first min(total, wanted) global ids, in order
+  };
+
+  // The rows matching `query`, counted in full but ordered by `sort` only as
+  // far as the first `wanted` (0: count only). Throws
+  // KernelError::invalid("Unsupported sort: " + sort) for an unknown sort
+  // name, before any source is searched.
+  virtual Matches search(const std::string& query, const std::string& sort, std::int64_t wanted) const = 0;
   // The row of one global id (0 <= id < totalRecords()).
   virtual ResultRow row(std::int32_t id) const = 0;
   // Records of all sources together.

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <limits>
 #include <system_error>
 
 #include "core/platform/support_paths.h"
@@ -50,21 +51,26 @@ SearchResult Searcher::search(const std::string& query, const std::string& sort,
                               std::int64_t limit) {
   std::shared_ptr<const LoadedSnapshot> snapshot = current();
 
+  // Written so that a huge limit cannot overflow offset + limit.
+  const std::int64_t first = std::max<std::int64_t>(offset, 0);
+  const std::int64_t wanted =
+      limit < 1 ? 0 : (limit > std::numeric_limits<std::int64_t>::max() - first ? std::numeric_limits<std::int64_t>::max()
+                                                                                : first + limit);
+
   const auto started = std::chrono::steady_clock::now();
-  const Column<std::int32_t> matches = snapshot->search(query, sort);
+  const LoadedSnapshot::Matches matches = snapshot->search(query, sort, wanted);
   const auto finished = std::chrono::steady_clock::now();
 
   SearchResult result;
-  result.total = static_cast<std::int64_t>(matches.size());
+  result.total = matches.total;
   const auto elapsed = std::chrono::duration_cast<std::chrono::nanoseconds>(finished - started).count();
   result.searchMs = roundToHundredths(static_cast<double>(elapsed) / 1e6);
 
-  // Written so that a huge limit cannot overflow offset + limit.
-  const std::int64_t first = std::max<std::int64_t>(offset, 0);
-  if (limit < 1 || first >= result.total) return result;
-  const std::int64_t end = limit >= result.total - first ? result.total : first + limit;
+  const auto made = static_cast<std::int64_t>(matches.ids.size());
+  if (first >= made) return result;
+  const std::int64_t end = std::min(made, wanted);
   result.rows.reserve(static_cast<std::size_t>(end - first));
-  for (std::int64_t i = first; i < end; ++i) result.rows.push_back(snapshot->row(matches[static_cast<std::size_t>(i)]));
+  for (std::int64_t i = first; i < end; ++i) result.rows.push_back(snapshot->row(matches.ids[static_cast<std::size_t>(i)]));
   return result;
 }
 

@@ -1,7 +1,5 @@
 #include "cli/searcher.h"
 
-#include <algorithm>
-
 #include "kernel/index/index_snapshot.h"
 #include "kernel/index/load_trace.h"
 
@@ -12,17 +10,11 @@ namespace {
 // the source's rows matched, so a slow query shows which way it went.
 void tracePlan(const JoinedSearch& search, const JoinedSearch::Result& result, const std::string& sort) {
   const auto& starts = search.starts();
-  const std::int32_t* ids = result.ids.data();
-  std::vector<std::int64_t> matched(search.sources().size(), 0);
-  for (std::size_t i = 0; i < result.ids.size(); ++i) {
-    const auto s = static_cast<std::size_t>(std::upper_bound(starts.begin(), starts.end(), ids[i]) - starts.begin()) - 1;
-    if (s < matched.size()) ++matched[s];
-  }
-  for (std::size_t s = 0; s < matched.size() && s < result.strategies.size(); ++s)
+  for (std::size_t s = 0; s < result.counts.size() && s < result.strategies.size(); ++s)
     LoadTrace::event("query.plan", "source",
                      "source=" + search.sources()[s].id + " strategy=" +
                          std::string(ExecutionPlanner::name(result.strategies[s])) + " rows=" +
-                         std::to_string(matched[s]) + " records=" + std::to_string(starts[s + 1] - starts[s]));
+                         std::to_string(result.counts[s]) + " records=" + std::to_string(starts[s + 1] - starts[s]));
   LoadTrace::event("query.plan", "total",
                    "sort=" + sort + " rows=" + std::to_string(result.total) + " records=" +
                        std::to_string(search.total()));
@@ -35,10 +27,10 @@ class SnapshotAdapter final : public LoadedSnapshot {
     counts_.assign(snapshot_->counts().begin(), snapshot_->counts().end());
   }
 
-  Column<std::int32_t> search(const std::string& query, const std::string& sort) const override {
-    JoinedSearch::Result result = snapshot_->search().search(query, sort);
+  Matches search(const std::string& query, const std::string& sort, std::int64_t wanted) const override {
+    JoinedSearch::Result result = snapshot_->search().search(query, sort, wanted);
     if (LoadTrace::enabled()) tracePlan(snapshot_->search(), result, sort);
-    return std::move(result.ids);
+    return {result.total, std::move(result.ids)};
   }
 
   ResultRow row(std::int32_t id) const override {

@@ -136,9 +136,13 @@ int JoinedSearch::compare(std::int32_t a, std::int32_t b, SortSpec spec) const n
 }
 
 JoinedSearch::Result JoinedSearch::search(std::string_view query, std::string_view sort) const {
+  return search(query, sort, std::numeric_limits<std::int64_t>::max());
+}
+
+JoinedSearch::Result JoinedSearch::search(std::string_view query, std::string_view sort, std::int64_t wanted) const {
   const SortSpec spec = SortSpec::validated(sort);
   try {
-    return searchValidated(query, spec);
+    return searchValidated(query, spec, std::max<std::int64_t>(wanted, 0));
   } catch (const std::bad_alloc&) {
     // The up-front check cannot see every allocation (the per-source
     // selections, other processes taking memory meanwhile).
@@ -146,7 +150,7 @@ JoinedSearch::Result JoinedSearch::search(std::string_view query, std::string_vi
   }
 }
 
-JoinedSearch::Result JoinedSearch::searchValidated(std::string_view query, SortSpec spec) const {
+JoinedSearch::Result JoinedSearch::searchValidated(std::string_view query, SortSpec spec, std::int64_t wanted) const {
   const Text units = utf16(query);
   Result result;
   std::vector<Bitset> selections;
@@ -158,11 +162,63 @@ JoinedSearch::Result JoinedSearch::searchValidated(std::string_view query, SortS
     ExecutionPlanner::Selection selection = engine.select(units, moment);
     result.total += selection.count;
     result.strategies.push_back(selection.strategy);
+    result.counts.push_back(selection.count);
     selections.push_back(std::move(selection.rows));
+  }
+  if (wanted < result.total) {
+    SearchMemory::checkResult(wanted, total(), false, tuning_.memoryBudget);
+    result.ids = firstOrdered(selections, result.total, wanted, spec);
+    return result;
   }
   SearchMemory::checkResult(result.total, total(), spec.descending, tuning_.memoryBudget);
   result.ids = ordered(selections, result.total, spec);
   return result;
+}
+
+Column<std::int32_t> JoinedSearch::firstOrdered(std::vector<Bitset>& selections, std::int64_t total,
+                                                std::int64_t wanted, SortSpec spec) const {
+  if (wanted <= 0) return Column<std::int32_t>::owned({});
+  const std::int64_t rows = this->total();
+  const auto& starts = order_.starts();
+  std::vector<std::int32_t> out;
+  out.reserve(static_cast<std::size_t>(wanted));
+
+  // A small result: gather it and sort only the part that is asked for.
+  if (total <= std::max(tuning_.sortAtMost, rows / std::max<std::int64_t>(tuning_.sortRatio, 1))) {
+    for (std::size_t s = 0; s < selections.size(); ++s) {
+      const auto start = static_cast<std::int32_t>(starts[s]);
+      selections[s].forEach([&](std::int64_t row) { out.push_back(start + static_cast<std::int32_t>(row)); });
+    }
+    const auto middle = out.begin() + static_cast<std::ptrdiff_t>(wanted);
+    std::partial_sort(out.begin(), middle, out.end(),
+                      [&](std::int32_t a, std::int32_t b) { return compare(a, b, spec) < 0; });
+    out.resize(static_cast<std::size_t>(wanted));
+    return Column<std::int32_t>::owned(std::move(out));
+  }
+
+  // A large one: its members are dense enough in the order that a walk from
+  // the right end meets the first `wanted` of them early.
+  const Column<std::int32_t> order = this->order(spec.key);
+  const auto n = static_cast<std::int64_t>(order.size());
+  const std::int32_t* ids = order.data();
+  const auto limit = static_cast<std::uint32_t>(rows);
+  std::vector<std::uint64_t> members;
+  if (total != rows) {
+    members.assign(Bitset::wordCount(rows), 0);
+    for (std::size_t s = 0; s < selections.size(); ++s) placeSelection(selections[s], starts[s], members);
+  }
+  selections.clear();
+  const bool everyRow = members.empty();
+  // Ids past the rows (an order mapped from a damaged file) are left out.
+  auto take = [&](std::int32_t id) {
+    if (static_cast<std::uint32_t>(id) < limit && (everyRow || Bitset::test(members, id))) out.push_back(id);
+  };
+  if (!spec.descending) {
+    for (std::int64_t i = 0; i < n && static_cast<std::int64_t>(out.size()) < wanted; ++i) take(ids[i]);
+  } else {
+    for (std::int64_t i = n; i-- > 0 && static_cast<std::int64_t>(out.size()) < wanted;) take(ids[i]);
+  }
+  return Column<std::int32_t>::owned(std::move(out));
 }
 
 Column<std::int32_t> JoinedSearch::ordered(std::vector<Bitset>& selections, std::int64_t total, SortSpec spec) const {

@@ -74,9 +74,12 @@ class JoinedSearch {
 
   struct Result {
     std::int64_t total = 0;
-    Column<std::int32_t> ids;  // `total` global ids in the requested order
-    // Per source, the strategy its planner ran.
+    // The first min(total, wanted) matching global ids in the requested order
+    // (every match when search() was not given `wanted`).
+    Column<std::int32_t> ids;
+    // Per source, the strategy its planner ran and the rows it matched.
     std::vector<ExecutionPlanner::Strategy> strategies;
+    std::vector<std::int64_t> counts;
   };
 
   // `indexes[i]` must index `sources[i].catalog`. `cacheKeys` are the sources'
@@ -97,6 +100,10 @@ class JoinedSearch {
   // rows, and the members are taken in the order of the sort's key (read
   // backwards for descending sorts: the exact reverse, folders last).
   Result search(std::string_view query, std::string_view sort) const;
+  // The same count, but only the first `wanted` ids of the order are made:
+  // a page or a count (wanted 0) never pays for ordering every match. The
+  // ids are exactly the first `wanted` of the full search's.
+  Result search(std::string_view query, std::string_view sort, std::int64_t wanted) const;
 
   Row row(std::int64_t id) const;
 
@@ -124,8 +131,12 @@ class JoinedSearch {
   int compare(std::int32_t a, std::int32_t b, SortSpec spec) const noexcept;
 
  private:
-  Result searchValidated(std::string_view query, SortSpec spec) const;
+  Result searchValidated(std::string_view query, SortSpec spec, std::int64_t wanted) const;
   Column<std::int32_t> ordered(std::vector<Bitset>& selections, std::int64_t total, SortSpec spec) const;
+  // The first `wanted` (< total) members of the order, walked from its start
+  // (or its end for descending sorts) until they are found.
+  Column<std::int32_t> firstOrdered(std::vector<Bitset>& selections, std::int64_t total, std::int64_t wanted,
+                                    SortSpec spec) const;
 
   std::vector<Source> sources_;
   std::vector<SearchIndexPtr> indexes_;

@@ -32,12 +32,13 @@ class FakeSnapshot : public LoadedSnapshot {
       : rows_(rows), sources_(config.sources), generation_(generation) {
     for (std::size_t i = 0; i < sources_.size(); ++i) counts_.push_back(static_cast<std::int64_t>(i) + 10);
   }
-  Column<std::int32_t> search(const std::string& query, const std::string& sort) const override {
+  Matches search(const std::string& query, const std::string& sort, std::int64_t wanted) const override {
     if (sort != "name-asc") throw KernelError::invalid("Unsupported sort: " + sort);
     lastQuery = query;
+    lastWanted = wanted;
     std::vector<std::int32_t> ids;
-    for (int id = rows_ - 1; id >= 0; --id) ids.push_back(id);
-    return Column<std::int32_t>::owned(std::move(ids));
+    for (int id = rows_ - 1; id >= 0 && static_cast<std::int64_t>(ids.size()) < wanted; --id) ids.push_back(id);
+    return {rows_, Column<std::int32_t>::owned(std::move(ids))};
   }
   ResultRow row(std::int32_t id) const override {
     ++rowsBuilt;
@@ -52,6 +53,7 @@ class FakeSnapshot : public LoadedSnapshot {
   void finishWrites() const override { ++finished; }
 
   mutable std::string lastQuery;
+  mutable std::int64_t lastWanted = -1;
   mutable int rowsBuilt = 0;
   mutable int finished = 0;
 
@@ -96,16 +98,17 @@ TEST(Searcher, PagesThroughTheMatches) {
     std::int64_t offset;
     std::int64_t limit;
     std::vector<std::string> expected;
+    std::int64_t wanted;  // how far the engine is asked to order the matches
   };
   const std::vector<PageCase> cases = {
-      {"first page", 0, 2, {"/g1/4", "/g1/3"}},
-      {"middle page", 2, 2, {"/g1/2", "/g1/1"}},
-      {"short last page", 3, 10, {"/g1/1", "/g1/0"}},
-      {"offset at total", 5, 1, {}},
-      {"offset beyond total", 9, 1, {}},
-      {"limit zero builds nothing", 0, 0, {}},
-      {"huge limit", 1, kMax, {"/g1/3", "/g1/2", "/g1/1", "/g1/0"}},
-      {"huge offset and limit", kMax, kMax, {}},
+      {"first page", 0, 2, {"/g1/4", "/g1/3"}, 2},
+      {"middle page", 2, 2, {"/g1/2", "/g1/1"}, 4},
+      {"short last page", 3, 10, {"/g1/1", "/g1/0"}, 13},
+      {"offset at total", 5, 1, {}, 6},
+      {"offset beyond total", 9, 1, {}, 10},
+      {"limit zero counts only", 0, 0, {}, 0},
+      {"huge limit", 1, kMax, {"/g1/3", "/g1/2", "/g1/1", "/g1/0"}, kMax},
+      {"huge offset and limit", kMax, kMax, {}, kMax},
   };
   Harness harness;
   harness.writeConfig(kValidConfiguration);
@@ -115,6 +118,7 @@ TEST(Searcher, PagesThroughTheMatches) {
     EXPECT_EQ(result.total, 5) << c.label;
     EXPECT_EQ(paths(result), c.expected) << c.label;
     EXPECT_GE(result.searchMs, 0) << c.label;
+    EXPECT_EQ(std::static_pointer_cast<const FakeSnapshot>(searcher.current())->lastWanted, c.wanted) << c.label;
   }
   EXPECT_EQ(harness.loads, 1) << "an unchanged configuration is loaded once";
   auto snapshot = std::static_pointer_cast<const FakeSnapshot>(searcher.current());

@@ -157,6 +157,50 @@ TEST(JoinedSearch, DescendingIsTheExactReverseWithFoldersLast) {
   }
 }
 
+// A page or a count asks for the first `wanted` ids only: they must be
+// exactly the head of the full result, on the sorting and the walking paths,
+// in every sort, with the full count.
+TEST(JoinedSearch, FirstIdsAreTheHeadOfTheFullResult) {
+  JoinedSearch::Tuning walk;
+  walk.sortAtMost = 0;
+  walk.sortRatio = std::int64_t(1) << 40;
+  walk.walkMinimum = 1;
+  JoinedSearch::Tuning sorted;
+  sorted.sortAtMost = std::int64_t(1) << 40;
+  std::mt19937 random(17);
+  std::vector<Record> posixRecords{{"/r", 1}};
+  std::vector<Record> windowsRecords{{"C:\\r", 1}};
+  const std::vector<std::string> words{"x", "Y", "xy", "yx", "z"};
+  for (int i = 0; i < 60; ++i) {
+    const std::string name = words[random() % words.size()] + std::to_string(i) + (i % 5 ? ".txt" : "");
+    const auto kind = static_cast<std::uint8_t>(i % 5 == 0 ? 1 : 0);
+    const std::uint64_t size = random() % 4 == 0 ? kUnknown64 : random() % 9;
+    const std::uint64_t modified = ticksAtMs(static_cast<std::int64_t>(random() % 5) * 1000);
+    if (i % 2) posixRecords.push_back({"/r/" + name, kind, size, modified});
+    else windowsRecords.push_back({"C:\\r\\" + name, kind, size, modified});
+  }
+  const auto posix = catalogOf("p", PathFlavor::posix, posixRecords);
+  const auto windows = catalogOf("w", PathFlavor::windows, windowsRecords);
+  for (const auto& tuning : {walk, sorted, JoinedSearch::Tuning()}) {
+    const auto search = join({posix, windows}, {}, tuning);
+    for (const std::string query : {"", "x", "!y", "nothing-matches"}) {
+      for (const std::string_view sort : kSortNames) {
+        const auto full = search->search(query, sort);
+        ASSERT_EQ(static_cast<std::int64_t>(full.ids.size()), full.total);
+        for (const std::int64_t wanted : {std::int64_t(0), std::int64_t(1), std::int64_t(7), full.total, full.total + 3}) {
+          const auto head = search->search(query, sort, wanted);
+          EXPECT_EQ(head.total, full.total) << query << " " << sort << " " << wanted;
+          const auto made = std::min(wanted, full.total);
+          EXPECT_EQ(std::vector<std::int32_t>(head.ids.begin(), head.ids.end()),
+                    std::vector<std::int32_t>(full.ids.begin(), full.ids.begin() + made))
+              << query << " " << sort << " " << wanted;
+          EXPECT_EQ(head.counts, full.counts) << query << " " << sort;
+        }
+      }
+    }
+  }
+}
+
 TEST(JoinedSearch, RowsCarryTheirSourceAndOptionalFields) {
   const auto search = twoSources();
   const JoinedSearch::Row first = search->row(4);  // the windows source's row 0
