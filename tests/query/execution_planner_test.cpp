@@ -6,7 +6,6 @@
 
 #include <gtest/gtest.h>
 
-#include <chrono>
 #include <filesystem>
 #include <random>
 #include <string>
@@ -206,14 +205,14 @@ TEST(ExecutionPlanner, QueriesBeyondTheBudgetsStayExact) {
   std::string parents;
   for (int i = 0; i < 300; ++i) parents += "parent:/usr/x" + std::to_string(i) + "|";
   parents += "parent:/usr/bin";
-  const auto start = std::chrono::steady_clock::now();
   // A text whose every prefix is a border of the next: quadratic work per
   // state would show here.
   const std::string longPath = "path:" + std::string(50000, 'o') + "/";
   for (const std::string& q : {wide, deep, longText, parents, longPath, std::string(3000, '!') + "x"})
     expectExact(planner, q, q.substr(0, 40));
-  // Linear work: a few seconds at most even on a loaded machine.
-  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(10));
+  // Quadratic work on these would run for hours and meet ctest's time-out;
+  // the linear bound itself is measured in CPU time by the resource-bounds
+  // test, not by the wall clock of a shared or instrumented machine.
 }
 
 TEST(NameLiteral, ContainsFoldsNamesNotTexts) {
