@@ -52,6 +52,41 @@ void placeSelection(const Bitset& local, std::int64_t start, std::vector<std::ui
   }
 }
 
+
+// The matching global ids of all sources, unordered.
+std::vector<std::int32_t> gatherIds(const std::vector<Bitset>& selections, const std::vector<std::int64_t>& starts,
+                                    std::int64_t total) {
+  std::vector<std::int32_t> ids;
+  ids.reserve(static_cast<std::size_t>(total));
+  for (std::size_t s = 0; s < selections.size(); ++s) {
+    const auto start = static_cast<std::int32_t>(starts[s]);
+    selections[s].forEach([&](std::int64_t row) { ids.push_back(start + static_cast<std::int32_t>(row)); });
+  }
+  return ids;
+}
+
+// Membership of a global id in the result, for walks over a whole order.
+// An order mapped from a damaged index file may hold ids past the rows: they
+// are never members, rather than looked up.
+class Members {
+ public:
+  Members(const std::vector<Bitset>& selections, const std::vector<std::int64_t>& starts, std::int64_t total,
+          std::int64_t rows)
+      : limit_(static_cast<std::uint32_t>(rows)), everyRow_(total == rows) {
+    if (everyRow_) return;
+    words_.assign(Bitset::wordCount(rows), 0);
+    for (std::size_t s = 0; s < selections.size(); ++s) placeSelection(selections[s], starts[s], words_);
+  }
+  bool contains(std::int32_t id) const noexcept {
+    return static_cast<std::uint32_t>(id) < limit_ && (everyRow_ || Bitset::test(words_, id));
+  }
+
+ private:
+  std::vector<std::uint64_t> words_;
+  std::uint32_t limit_;
+  bool everyRow_;
+};
+
 }  // namespace
 
 JoinedSearch::JoinedSearch(std::vector<Source> sources, std::vector<SearchIndexPtr> indexes,
@@ -180,15 +215,9 @@ Column<std::int32_t> JoinedSearch::firstOrdered(std::vector<Bitset>& selections,
   if (wanted <= 0) return Column<std::int32_t>::owned({});
   const std::int64_t rows = this->total();
   const auto& starts = order_.starts();
-  std::vector<std::int32_t> out;
-  out.reserve(static_cast<std::size_t>(wanted));
-
   // A small result: gather it and sort only the part that is asked for.
   if (total <= std::max(tuning_.sortAtMost, rows / std::max<std::int64_t>(tuning_.sortRatio, 1))) {
-    for (std::size_t s = 0; s < selections.size(); ++s) {
-      const auto start = static_cast<std::int32_t>(starts[s]);
-      selections[s].forEach([&](std::int64_t row) { out.push_back(start + static_cast<std::int32_t>(row)); });
-    }
+    std::vector<std::int32_t> out = gatherIds(selections, starts, total);
     const auto middle = out.begin() + static_cast<std::ptrdiff_t>(wanted);
     std::partial_sort(out.begin(), middle, out.end(),
                       [&](std::int32_t a, std::int32_t b) { return compare(a, b, spec) < 0; });
@@ -201,17 +230,12 @@ Column<std::int32_t> JoinedSearch::firstOrdered(std::vector<Bitset>& selections,
   const Column<std::int32_t> order = this->order(spec.key);
   const auto n = static_cast<std::int64_t>(order.size());
   const std::int32_t* ids = order.data();
-  const auto limit = static_cast<std::uint32_t>(rows);
-  std::vector<std::uint64_t> members;
-  if (total != rows) {
-    members.assign(Bitset::wordCount(rows), 0);
-    for (std::size_t s = 0; s < selections.size(); ++s) placeSelection(selections[s], starts[s], members);
-  }
+  const Members members(selections, starts, total, rows);
   selections.clear();
-  const bool everyRow = members.empty();
-  // Ids past the rows (an order mapped from a damaged file) are left out.
+  std::vector<std::int32_t> out;
+  out.reserve(static_cast<std::size_t>(wanted));
   auto take = [&](std::int32_t id) {
-    if (static_cast<std::uint32_t>(id) < limit && (everyRow || Bitset::test(members, id))) out.push_back(id);
+    if (members.contains(id)) out.push_back(id);
   };
   if (!spec.descending) {
     for (std::int64_t i = 0; i < n && static_cast<std::int64_t>(out.size()) < wanted; ++i) take(ids[i]);
@@ -231,12 +255,7 @@ Column<std::int32_t> JoinedSearch::ordered(std::vector<Bitset>& selections, std:
 
   // A small result is cheaper to sort than to find in the whole order.
   if (total <= std::max(tuning_.sortAtMost, rows / std::max<std::int64_t>(tuning_.sortRatio, 1))) {
-    std::vector<std::int32_t> ids;
-    ids.reserve(static_cast<std::size_t>(total));
-    for (std::size_t s = 0; s < selections.size(); ++s) {
-      const auto start = static_cast<std::int32_t>(starts[s]);
-      selections[s].forEach([&](std::int64_t row) { ids.push_back(start + static_cast<std::int32_t>(row)); });
-    }
+    std::vector<std::int32_t> ids = gatherIds(selections, starts, total);
     std::sort(ids.begin(), ids.end(), [&](std::int32_t a, std::int32_t b) { return compare(a, b, spec) < 0; });
     return Column<std::int32_t>::owned(std::move(ids));
   }
@@ -244,19 +263,9 @@ Column<std::int32_t> JoinedSearch::ordered(std::vector<Bitset>& selections, std:
   const Column<std::int32_t> order = this->order(spec.key);
   const auto n = static_cast<std::int64_t>(order.size());
 
-  std::vector<std::uint64_t> members;
-  if (total != rows) {
-    members.assign(Bitset::wordCount(rows), 0);
-    for (std::size_t s = 0; s < selections.size(); ++s) placeSelection(selections[s], starts[s], members);
-  }
+  const Members members(selections, starts, total, rows);
   selections.clear();
-  const bool everyRow = members.empty();
-  // An order mapped from a damaged index file may hold ids past the rows:
-  // they are left out rather than looked up.
-  const auto limit = static_cast<std::uint32_t>(rows);
-  auto isMember = [&](std::int32_t id) {
-    return static_cast<std::uint32_t>(id) < limit && (everyRow || Bitset::test(members, id));
-  };
+  auto isMember = [&](std::int32_t id) { return members.contains(id); };
 
   // Count per chunk, place the chunks by running sums, then copy in parallel.
   // Descending: each chunk is walked backwards and the chunks are placed in
