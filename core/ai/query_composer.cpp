@@ -168,6 +168,11 @@ class Composer {
       list += extension;
     }
     if (!list.empty()) terms.push_back("ext:" + list);
+    addAnyOf(terms);
+  }
+
+  // One term as it is; several as a group of which any may match.
+  void addAnyOf(const std::vector<std::string>& terms) {
     if (terms.size() == 1) {
       add(terms.front());
     } else if (terms.size() > 1) {
@@ -181,13 +186,7 @@ class Composer {
     std::vector<std::string> terms;
     for (const std::string& word : words)
       if (std::optional<std::string> term = literalTerm(word, "词")) terms.push_back(*term);
-    if (terms.size() == 1) {
-      add(terms.front());
-    } else if (terms.size() > 1) {
-      std::string joined = "<";
-      for (std::size_t i = 0; i < terms.size(); ++i) joined += (i ? " | " : "") + terms[i];
-      add(joined + ">");
-    }
+    addAnyOf(terms);
   }
 
   void size(const std::optional<std::string>& value, std::string_view op) {

@@ -124,17 +124,23 @@ TEST(JoinedSearch, EmptyQueryReturnsEveryIdInKeyOrder) {
   }
 }
 
-TEST(JoinedSearch, DescendingIsTheExactReverseWithFoldersLast) {
+// Tunings that send every result down the walk over the whole order, down
+// the gather-and-sort path, and the defaults.
+std::vector<JoinedSearch::Tuning> everyOrderingPath() {
   JoinedSearch::Tuning walk;
   walk.sortAtMost = 0;
   walk.sortRatio = std::int64_t(1) << 40;
   walk.walkMinimum = 1;
   JoinedSearch::Tuning sorted;
   sorted.sortAtMost = std::int64_t(1) << 40;
+  return {walk, sorted, JoinedSearch::Tuning()};
+}
+
+TEST(JoinedSearch, DescendingIsTheExactReverseWithFoldersLast) {
   const auto posix = catalogOf("p", PathFlavor::posix,
                                {{"/a", 1}, {"/a/x.txt", 0, 3}, {"/a/y.txt", 0, 3}, {"/b", 1}, {"/b/x.txt", 0, 1}});
   const auto windows = catalogOf("w", PathFlavor::windows, {{"C:\\x.txt", 0, 3}, {"C:\\z", 1}});
-  for (const auto& tuning : {walk, sorted, JoinedSearch::Tuning()}) {
+  for (const auto& tuning : everyOrderingPath()) {
     const auto search = join({posix, windows}, {}, tuning);
     for (const std::string query : {"", "x", "!y"}) {
       for (const std::string_view sort : kSortNames) {
@@ -161,12 +167,6 @@ TEST(JoinedSearch, DescendingIsTheExactReverseWithFoldersLast) {
 // exactly the head of the full result, on the sorting and the walking paths,
 // in every sort, with the full count.
 TEST(JoinedSearch, FirstIdsAreTheHeadOfTheFullResult) {
-  JoinedSearch::Tuning walk;
-  walk.sortAtMost = 0;
-  walk.sortRatio = std::int64_t(1) << 40;
-  walk.walkMinimum = 1;
-  JoinedSearch::Tuning sorted;
-  sorted.sortAtMost = std::int64_t(1) << 40;
   std::mt19937 random(17);
   std::vector<Record> posixRecords{{"/r", 1}};
   std::vector<Record> windowsRecords{{"C:\\r", 1}};
@@ -181,7 +181,7 @@ TEST(JoinedSearch, FirstIdsAreTheHeadOfTheFullResult) {
   }
   const auto posix = catalogOf("p", PathFlavor::posix, posixRecords);
   const auto windows = catalogOf("w", PathFlavor::windows, windowsRecords);
-  for (const auto& tuning : {walk, sorted, JoinedSearch::Tuning()}) {
+  for (const auto& tuning : everyOrderingPath()) {
     const auto search = join({posix, windows}, {}, tuning);
     for (const std::string query : {"", "x", "!y", "nothing-matches"}) {
       for (const std::string_view sort : kSortNames) {
