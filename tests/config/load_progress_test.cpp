@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "kernel/config/configuration.h"
+#include "tests/config/source_fixture.h"
 #include "tests/sources/gzip_fixture.h"
 #include "tests/support/temp_dir.h"
 
@@ -18,6 +19,7 @@ namespace tarv {
 namespace {
 
 using Phase = LoadProgress::Phase;
+using testing::source;
 using testing::TempDir;
 
 struct Seen {
@@ -38,17 +40,6 @@ class Watcher final : public LoadProgress::Observer {
   }
   std::vector<Seen> seen;
 };
-
-Configuration::Source source(std::string format, std::filesystem::path file, std::string root) {
-  Configuration::Source s;
-  s.id = "big";
-  s.label = "Big";
-  s.format = std::move(format);
-  s.file = std::move(file);
-  s.root = std::move(root);
-  s.state = "complete";
-  return s;
-}
 
 // About 2.6 MiB of gfind7 records: three input blocks.
 std::string gfindList(int records) {
@@ -125,7 +116,7 @@ TEST(LoadProgress, ReadersReportPerBlock) {
     ASSERT_GE(seen.size(), 3u) << c.label;
     EXPECT_EQ(seen.front().phase, Phase::reading) << c.label;
     EXPECT_TRUE(seen.back().finished) << c.label;
-    for (const Seen& s : seen) EXPECT_EQ(s.sourceId, "big") << c.label;
+    for (const Seen& s : seen) EXPECT_EQ(s.sourceId, "src") << c.label;
     // Plain input is read in 1 MiB blocks; compressed input is much smaller
     // on disk, so it may fit in one read.
     expectClimb(seen, Phase::reading, c.fileSize, c.fileSize > (2u << 20) ? 3 : 2, c.label);

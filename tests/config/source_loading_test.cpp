@@ -5,6 +5,7 @@
 #include "kernel/base/kernel_error.h"
 #include "kernel/base/sha256.h"
 #include "kernel/config/configuration.h"
+#include "tests/config/source_fixture.h"
 #include "tests/sources/gzip_fixture.h"
 #include "tests/support/temp_dir.h"
 
@@ -12,6 +13,7 @@ namespace tarv {
 namespace {
 
 using namespace std::string_literals;
+using testing::source;
 using testing::TempDir;
 
 std::string digestOf(std::string_view bytes) {
@@ -52,17 +54,6 @@ TEST(SourceFingerprint, PlainAndDecompressed) {
   std::string damaged = testing::gzip("abc") + "x";
   EXPECT_EQ(messageOf([&] { Configuration::sha256(dir.write("d.gz", damaged)); }), "Corrupt GZIP trailer");
   EXPECT_EQ(messageOf([&] { Configuration::sha256(dir / "missing.efu"); }).rfind("Cannot read ", 0), 0u);
-}
-
-Configuration::Source source(std::string format, std::filesystem::path file, std::string root) {
-  Configuration::Source s;
-  s.id = "src";
-  s.label = "Source";
-  s.format = std::move(format);
-  s.file = std::move(file);
-  s.root = std::move(root);
-  s.state = "complete";
-  return s;
 }
 
 TEST(SourceLoad, DispatchesByFormat) {
