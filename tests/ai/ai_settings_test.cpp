@@ -11,7 +11,7 @@
 #include "core/ai/ai_settings.h"
 #include "core/platform/settings.h"
 #include "kernel/base/kernel_error.h"
-#include "tests/platform/environment_guard.h"
+#include "tests/support/environment_guard.h"
 #include "tests/support/temp_dir.h"
 
 namespace tarv::AISearch {

@@ -23,6 +23,8 @@
 #include <thread>
 #include <vector>
 
+#include "kernel/base/json.h"
+
 namespace tarv::testing {
 
 struct RecordedRequest {
@@ -182,5 +184,17 @@ class FakeProvider {
   std::vector<RecordedRequest> requests_;
   std::thread thread_;
 };
+
+// A request's body as JSON (the providers send nothing else).
+inline json::Value bodyOf(const RecordedRequest& request) { return json::Value::parse(request.body); }
+
+// A successful reply of each protocol carrying the model's text.
+inline std::string openAIReply(const std::string& content) {
+  return json::encode(
+      json::Value{{"choices", {{{"index", 0}, {"message", {{"role", "assistant"}, {"content", content}}}}}}});
+}
+inline std::string anthropicReply(const std::string& text) {
+  return json::encode(json::Value{{"content", {{{"type", "text"}, {"text", text}}}}, {"stop_reason", "end_turn"}});
+}
 
 }  // namespace tarv::testing

@@ -87,13 +87,6 @@ TEST(IntentDecoding, PlaceholdersAreAbsent) {
   EXPECT_EQ(decodeIntent(R"({"words": ["none"]})")->words, Words{"none"});
 }
 
-TEST(IntentDecoding, TypeAndKindsAreLowerCased) {
-  const std::optional<Intent> intent = decodeIntent(R"({"type": "Folder", "kinds": ["PIC", "Vidéo", "APP"]})");
-  ASSERT_TRUE(intent);
-  EXPECT_EQ(intent->type, "folder");
-  EXPECT_EQ(intent->kinds, (Words{"pic", "vidéo", "app"}));
-}
-
 TEST(IntentDecoding, Extensions) {
   struct Case {
     const char* label;
@@ -121,18 +114,19 @@ TEST(IntentDecoding, Extensions) {
   }
 }
 
+// Type and kinds are lower-cased; everything else is kept as written.
 TEST(IntentDecoding, EveryFieldHasItsMember) {
   const std::optional<Intent> intent = decodeIntent(R"({
-      "words": ["w"], "either_words": ["e1", "e2"], "exclude_words": ["x"], "exact_name": "n",
-      "type": "file", "kinds": ["doc"], "extensions": ["txt"], "folder": "Desktop",
+      "words": ["W"], "either_words": ["e1", "e2"], "exclude_words": ["x"], "exact_name": "N",
+      "type": "File", "kinds": ["PIC", "Vidéo"], "extensions": ["txt"], "folder": "Desktop",
       "larger_than": "1kb", "smaller_than": "2kb", "modified": "today", "created": "last year"})");
   Intent expected;
-  expected.words = {"w"};
+  expected.words = {"W"};
   expected.eitherWords = {"e1", "e2"};
   expected.excludeWords = {"x"};
-  expected.exactName = "n";
+  expected.exactName = "N";
   expected.type = "file";
-  expected.kinds = {"doc"};
+  expected.kinds = {"pic", "vidéo"};
   expected.extensions = {"txt"};
   expected.folder = "Desktop";
   expected.largerThan = "1kb";

@@ -17,7 +17,7 @@
 #include "core/ai/ai_settings.h"
 #include "core/platform/key_store.h"
 #include "kernel/base/kernel_error.h"
-#include "tests/platform/environment_guard.h"
+#include "tests/support/environment_guard.h"
 #include "tests/support/temp_dir.h"
 
 extern char** environ;

@@ -13,24 +13,19 @@
 #include "kernel/base/json.h"
 #include "tests/ai/fake_provider.h"
 #include "tests/ai/time_zone.h"
-#include "tests/platform/environment_guard.h"
+#include "tests/support/environment_guard.h"
 
 namespace tarv::AISearch {
 namespace {
 
+using testing::anthropicReply;
+using testing::bodyOf;
 using testing::FakeProvider;
+using testing::openAIReply;
 using testing::RecordedRequest;
 
 const auto kNow = testing::utcSeconds(1795341600);  // Sunday 2026-11-22 10:00 UTC
 constexpr std::string_view kHome = "/home/a";
-
-std::string openAIReply(const std::string& content) {
-  return json::encode(json::Value{{"choices", {{{"index", 0}, {"message", {{"role", "assistant"}, {"content", content}}}}}}});
-}
-
-std::string anthropicReply(const std::string& text) {
-  return json::encode(json::Value{{"content", {{{"type", "text"}, {"text", text}}}}, {"stop_reason", "end_turn"}});
-}
 
 // One protocol under test: how to configure it and how it wraps a reply.
 struct Protocol {
@@ -40,22 +35,25 @@ struct Protocol {
   const char* path;
 };
 
-const Protocol kOpenAI{"openAI", Provider::openAI, &openAIReply, "/v1/chat/completions"};
-const Protocol kAnthropic{"anthropic", Provider::anthropic, &anthropicReply, "/v1/messages"};
+const Protocol kOpenAI{"openAI", Provider::openAI, &testing::openAIReply, "/v1/chat/completions"};
+const Protocol kAnthropic{"anthropic", Provider::anthropic, &testing::anthropicReply, "/v1/messages"};
 
 class Providers : public ::testing::Test {
  protected:
-  Settings settings(const Protocol& protocol, std::string model = "test-model") const {
+  // Settings and a connection that reach `server` (the fixture's unless given)
+  // whichever protocol is chosen.
+  Settings settings(const Protocol& protocol, std::string model = "test-model",
+                    const FakeProvider* server = nullptr) const {
     Settings settings;
     settings.provider = protocol.provider;
-    settings.baseURL = server_.origin() + "/v1";
+    settings.baseURL = (server ? *server : server_).origin() + "/v1";
     settings.model = std::move(model);
     return settings;
   }
 
-  Connection connection(std::optional<std::string> key = "test-key") const {
+  Connection connection(std::optional<std::string> key = "test-key", const FakeProvider* server = nullptr) const {
     Connection connection;
-    connection.anthropicOrigin = server_.origin();
+    connection.anthropicOrigin = (server ? *server : server_).origin();
     connection.openAITimeout = connection.anthropicTimeout = std::chrono::milliseconds(5000);
     connection.apiKey = [key](Provider) { return key; };
     return connection;
@@ -75,8 +73,6 @@ class Providers : public ::testing::Test {
     }
     return "no error";
   }
-
-  static json::Value bodyOf(const RecordedRequest& request) { return json::Value::parse(request.body); }
 
   testing::LocalTimeZone zone_{"UTC0"};
   FakeProvider server_;
@@ -131,9 +127,7 @@ TEST_F(Providers, AnthropicRequestOnTheWire) {
     server.reply(200, anthropicReply(R"({"words": ["report"]})"));
     Settings messages = settings(kAnthropic, c.model);
     messages.baseURL = "not used by this provider";
-    Connection link = connection("ak-1");
-    link.anthropicOrigin = server.origin();
-    EXPECT_EQ(generateWith(messages, link).query, "report") << c.model;
+    EXPECT_EQ(generateWith(messages, connection("ak-1", &server)).query, "report") << c.model;
 
     const std::vector<RecordedRequest> requests = server.requests();
     ASSERT_EQ(requests.size(), 1u) << c.model;
@@ -167,11 +161,9 @@ TEST_F(Providers, RepairRequestAfterProseOrEmptyObject) {
       FakeProvider server;
       server.reply(200, protocol->wrap(first));
       server.reply(200, protocol->wrap("```json\n{\"extensions\": [\"pdf\"]}\n```"));
-      Settings chosen = settings(*protocol);
-      chosen.baseURL = server.origin() + "/v1";
-      Connection link = connection();
-      link.anthropicOrigin = server.origin();
-      EXPECT_EQ(generateWith(chosen, link).query, "ext:pdf") << protocol->name << ": " << first;
+      EXPECT_EQ(generateWith(settings(*protocol, "test-model", &server), connection("test-key", &server)).query,
+                "ext:pdf")
+          << protocol->name << ": " << first;
 
       const std::vector<RecordedRequest> requests = server.requests();
       ASSERT_EQ(requests.size(), 2u) << protocol->name;
@@ -234,11 +226,8 @@ TEST_F(Providers, HttpFailures) {
   for (const Case& c : cases) {
     FakeProvider server;
     server.reply(c.status, c.body);
-    Settings chosen = settings(*c.protocol);
-    chosen.baseURL = server.origin() + "/v1";
-    Connection link = connection();
-    link.anthropicOrigin = server.origin();
-    EXPECT_EQ(failure(chosen, link), c.message) << c.label;
+    EXPECT_EQ(failure(settings(*c.protocol, "test-model", &server), connection("test-key", &server)), c.message)
+        << c.label;
     EXPECT_EQ(server.requests().size(), 1u) << c.label << ": no retry beyond the repair request";
   }
 }
@@ -284,16 +273,13 @@ TEST_F(Providers, SlowProviderFailsAtItsTimeOut) {
   for (const Protocol* protocol : {&kOpenAI, &kAnthropic}) {
     FakeProvider server;
     server.reply({200, protocol->wrap(R"({"words": ["late"]})"), std::chrono::milliseconds(10000)});
-    Settings chosen = settings(*protocol);
-    chosen.baseURL = server.origin() + "/v1";
-    Connection link = connection();
-    link.anthropicOrigin = server.origin();
+    Connection link = connection("test-key", &server);
     // Each provider uses its own time-out; the other is left long to show it.
     (protocol->provider == Provider::openAI ? link.openAITimeout : link.anthropicTimeout) =
         std::chrono::milliseconds(700);
     const auto start = std::chrono::steady_clock::now();
     try {
-      generateWith(chosen, link);
+      generateWith(settings(*protocol, "test-model", &server), link);
       ADD_FAILURE() << protocol->name << ": no time-out";
     } catch (const AIError& error) {
       EXPECT_EQ(error.kind(), AIError::Kind::transport) << protocol->name;

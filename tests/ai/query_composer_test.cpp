@@ -82,6 +82,16 @@ TEST(QueryComposer, ComposesReplies) {
        "path:/Users/a/Desktop/ pic: <截图 | 截屏 | screenshot> dc:2025"},
       {"prompt example: node_modules folders", R"({"type": "folder", "exact_name": "node_modules"})",
        "folder: wfn:node_modules"},
+      // Hostile paths, sizes and periods can only be dropped, never turned
+      // into other terms.
+      {"path with quote and bracket", R"({"folder": "/tmp/\"> | !x"})", "path:\"/tmp/> | !x/\""},
+      {"path with a function after it", R"({"folder": "/a dm:2020"})", "path:\"/a dm:2020/\""},
+      {"size with syntax", R"({"larger_than": "1mb | folder:"})", ""},
+      {"period with syntax", R"({"modified": "2026 | !x"})", ""},
+      {"extension with syntax", R"({"extensions": ["pdf|exe", "<x>", "a!"]})", ""},
+      {"kind with syntax", R"({"kinds": ["pic: | folder:"]})", ""},
+      {"exact name reading as a function", R"({"exact_name": "size:>1gb"})", ""},
+      {"control characters vanish", "{\"words\": [\"a\\u0000b\\u001bc\"]}", "abc"},
   };
   for (const Case& c : cases) EXPECT_EQ(composed(c.reply), c.query) << c.label;
 }
@@ -240,27 +250,9 @@ TEST(QueryComposer, WhitespaceMatchesTheParser) {
         << static_cast<unsigned>(unit);
 }
 
-// Hostile paths, sizes and periods can only be dropped, never turned into
-// other terms.
-TEST(QueryComposer, HostileStructuredValues) {
+// A hostile folder comes back as one full-path text term.
+TEST(QueryComposer, HostileFolderIsOnePathTerm) {
   LocalTimeZone zone("UTC0");
-  struct Case {
-    const char* label;
-    const char* reply;
-    const char* query;
-  };
-  const std::vector<Case> cases = {
-      {"path with quote and bracket", R"({"folder": "/tmp/\"> | !x"})", "path:\"/tmp/> | !x/\""},
-      {"path with a function after it", R"({"folder": "/a dm:2020"})", "path:\"/a dm:2020/\""},
-      {"size with syntax", R"({"larger_than": "1mb | folder:"})", ""},
-      {"period with syntax", R"({"modified": "2026 | !x"})", ""},
-      {"extension with syntax", R"({"extensions": ["pdf|exe", "<x>", "a!"]})", ""},
-      {"kind with syntax", R"({"kinds": ["pic: | folder:"]})", ""},
-      {"exact name reading as a function", R"({"exact_name": "size:>1gb"})", ""},
-      {"control characters vanish", "{\"words\": [\"a\\u0000b\\u001bc\"]}", "abc"},
-  };
-  for (const Case& c : cases) EXPECT_EQ(composed(c.reply), c.query) << c.label;
-  // The path comes back as one full-path text term.
   const std::vector<Query::TermPtr> terms = topLevel(composed(R"({"folder": "/tmp/\"> | !x"})"));
   ASSERT_EQ(terms.size(), 1u);
   expectLiteral(terms[0], "/tmp/> | !x/", "path");

@@ -8,7 +8,7 @@
 #include <optional>
 #include <string>
 
-#include "tests/platform/environment_guard.h"
+#include "tests/support/environment_guard.h"
 
 namespace tarv::testing {
 

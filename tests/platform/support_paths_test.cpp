@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "core/platform/settings.h"
-#include "tests/platform/environment_guard.h"
+#include "tests/support/environment_guard.h"
 
 namespace tarv::platform {
 namespace {

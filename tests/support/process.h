@@ -2,6 +2,7 @@
 // Runs a program as a child process and captures what it prints, so tests can
 // check the command line's exact output and exit status.
 
+#include <filesystem>
 #include <map>
 #include <optional>
 #include <string>
@@ -30,5 +31,43 @@ std::string binaryDir();
 std::string sourceDir();
 // binaryDir() + "/tarv"
 std::string tarvBinary();
+// The committed comparison table, sourceDir() + "/data/vantor-v1.json".
+std::string committedTable();
+
+// Options for running the built `tarv` as a user with no history: home,
+// settings, data and support folders inside `root`, started in `root`, the
+// committed table, UTC, and no index cache or load trace inherited from
+// whoever runs the tests (either would change what the program prints).
+ProcessOptions isolatedOptions(const std::filesystem::path& root);
+
+// `text` split at line feeds, without them.
+std::vector<std::string> lines(const std::string& text);
+
+// JSON output with the one value that differs from run to run, "searchMs",
+// replaced by T: pretty, compact, or escaped inside a JSON string.
+std::string withoutSearchTime(const std::string& text);
+
+// A program kept running for a conversation over its standard input and
+// output, one line each way; standard error is inherited. Killed when the
+// object goes out of scope.
+class LiveProcess {
+ public:
+  LiveProcess(const std::string& program, const std::vector<std::string>& arguments, const ProcessOptions& options);
+  ~LiveProcess();
+  LiveProcess(const LiveProcess&) = delete;
+  LiveProcess& operator=(const LiveProcess&) = delete;
+
+  // Sends a line and returns the next line of output (empty after 30 seconds
+  // of silence or when the program has gone).
+  std::string ask(const std::string& line);
+  // Closes standard input and returns the exit status.
+  int finish();
+
+ private:
+  int pid_ = -1;
+  int in_ = -1;
+  int out_ = -1;
+  std::string pending_;
+};
 
 }  // namespace tarv::testing
