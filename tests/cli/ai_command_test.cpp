@@ -16,7 +16,10 @@
 namespace tarv {
 namespace {
 
+using testing::anthropicReply;
+using testing::bodyOf;
 using testing::FakeProvider;
+using testing::openAIReply;
 using testing::ProcessOptions;
 using testing::ProcessResult;
 using testing::RecordedRequest;
@@ -24,14 +27,6 @@ using testing::TempDir;
 using Words = std::vector<std::string>;
 
 using namespace std::string_literals;
-
-std::string openAIReply(const std::string& content) {
-  return json::encode(json::Value{{"choices", {{{"message", {{"role", "assistant"}, {"content", content}}}}}}});
-}
-
-std::string anthropicReply(const std::string& text) {
-  return json::encode(json::Value{{"content", {{{"type", "text"}, {"text", text}}}}, {"stop_reason", "end_turn"}});
-}
 
 const std::string kGfind =
     "d 4096 1700000000 /srv/docs\0"
@@ -59,27 +54,18 @@ class AiCommand : public ::testing::Test {
   void settings(const json::Value& values) const { dir_.write("xdg-config/tarv/defaults.json", json::encode(values)); }
 
   ProcessResult tarv(Words words, std::map<std::string, std::optional<std::string>> env = {}) const {
-    ProcessOptions options;
-    options.env["TARV_COMPATIBILITY"] = testing::sourceDir() + "/data/vantor-v1.json";
-    options.env["TARV_SUPPORT_DIRECTORY"] = (dir_ / "support").string();
-    options.env["HOME"] = (dir_ / "home").string();
-    options.env["XDG_CONFIG_HOME"] = (dir_ / "xdg-config").string();
-    options.env["XDG_DATA_HOME"] = (dir_ / "xdg-data").string();
+    ProcessOptions options = testing::isolatedOptions(dir_.path());
     options.env["TARV_INDEX_CACHE"] = (dir_ / "cache").string();
+    // No session bus: the real key store is never asked.
     options.env["DBUS_SESSION_BUS_ADDRESS"] = std::nullopt;
     options.env["XDG_RUNTIME_DIR"] = dir_.path().string();
     options.env["TARV_API_KEY_OPENAI"] = "sk-cli";
     options.env["TARV_API_KEY_ANTHROPIC"] = std::nullopt;
     options.env["TARV_ANTHROPIC_BASE_URL"] = server_.origin();
-    options.env["TZ"] = "UTC";
     for (auto& [name, value] : env) options.env[name] = value;
-    options.workingDirectory = dir_.path().string();
-    options.timeoutSeconds = 60;
     words.insert(words.end(), {"--config", config_.string()});
     return testing::run(testing::tarvBinary(), words, options);
   }
-
-  static json::Value bodyOf(const RecordedRequest& request) { return json::Value::parse(request.body); }
 
   TempDir dir_;
   std::filesystem::path config_;

@@ -5,7 +5,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <memory>
 #include <string>
 #include <vector>
 
@@ -61,23 +60,6 @@ Examples:
   video: size:>1gb                    videos over 1 GB
   path:/Users/me/Projects ext:rs !test)";
 
-// A small table: search folds A..Z to a..z, sort equals search, case is the identity.
-std::string syntheticTable() {
-  std::string search = "[", letterCase = "[";
-  for (int unit = 0; unit < 65536; ++unit) {
-    int folded = (unit >= 'A' && unit <= 'Z') ? unit + 32 : unit;
-    if (unit > 0) {
-      search += ',';
-      letterCase += ',';
-    }
-    search += std::to_string(folded);
-    letterCase += std::to_string(unit);
-  }
-  search += ']';
-  letterCase += ']';
-  return "{\"search\":" + search + ",\"sort\":" + search + ",\"case\":" + letterCase + "}";
-}
-
 const char* kSource = R"({"id":"disk","label":"Disk","format":"gfind","file":"disk.txt","root":"/","state":"complete",)"
                       R"("scannedAt":null,"virtualDirectory":null})";
 
@@ -85,28 +67,9 @@ std::string config(const std::string& sources) { return R"({"schema":1,"sources"
 
 class TarvCommand : public ::testing::Test {
  protected:
-  static void SetUpTestSuite() {
-    shared_ = std::make_unique<TempDir>();
-    shared_->write("vantor-test.json", syntheticTable());
-  }
-  static void TearDownTestSuite() { shared_.reset(); }
-
   std::filesystem::path support() const { return dir_ / "support"; }
-
-  ProcessOptions options() const {
-    ProcessOptions options;
-    options.env["TARV_COMPATIBILITY"] = (*shared_ / "vantor-test.json").string();
-    options.env["TARV_SUPPORT_DIRECTORY"] = support().string();
-    options.env["HOME"] = (dir_ / "home").string();
-    options.env["XDG_CONFIG_HOME"] = (dir_ / "xdg-config").string();
-    options.env["XDG_DATA_HOME"] = (dir_ / "xdg-data").string();
-    options.env["TARV_INDEX_CACHE"] = std::nullopt;
-    options.workingDirectory = dir_.path().string();
-    options.timeoutSeconds = 30;
-    return options;
-  }
-
-  ProcessResult tarv(const Words& arguments) const { return testing::run(testing::tarvBinary(), arguments, options()); }
+  ProcessOptions options() const { return testing::isolatedOptions(dir_.path()); }
+  ProcessResult tarv(const Words& arguments) const { return tarv(arguments, options()); }
   ProcessResult tarv(const Words& arguments, const ProcessOptions& custom) const {
     return testing::run(testing::tarvBinary(), arguments, custom);
   }
@@ -116,10 +79,7 @@ class TarvCommand : public ::testing::Test {
   }
 
   TempDir dir_;
-  static std::unique_ptr<TempDir> shared_;
 };
-
-std::unique_ptr<TempDir> TarvCommand::shared_;
 
 TEST_F(TarvCommand, UsageOnStandardOutputForHelpWords) {
   for (const Words& words : {Words{}, Words{"help"}, Words{"--help"}, Words{"-h"}, Words{"help", "search"},
@@ -146,9 +106,6 @@ TEST_F(TarvCommand, SyntaxPrintsTheGuide) {
   EXPECT_EQ(result.status, 0);
   EXPECT_EQ(result.out, kGuide + "\n");
   EXPECT_EQ(result.err, "");
-  // Twenty-five lines, spaces only.
-  EXPECT_EQ(std::count(kGuide.begin(), kGuide.end(), '\n'), 24);
-  EXPECT_EQ(result.out.find('\t'), std::string::npos);
 }
 
 TEST_F(TarvCommand, OptionErrorsExitWithStatusTwo) {
@@ -158,16 +115,13 @@ TEST_F(TarvCommand, OptionErrorsExitWithStatusTwo) {
     Words words;
     std::string err;
   };
+  // Every message is checked in-process with the option readers; one row per
+  // kind shows each reaches standard error with the prefix and status 2.
   const std::vector<OptionCase> cases = {
-      {"limit zero", {"search", "q", "--limit", "0"}, range},
-      {"limit not a number", {"search", "--limit", "ten"}, range},
-      {"offset negative", {"search", "--offset", "-3"}, range},
-      {"offset not a number", {"search", "--offset", "1.5"}, range},
-      {"limit without value", {"search", "q", "--limit"}, "tarv: --limit needs a value\n"},
-      {"sort without value", {"search", "--sort"}, "tarv: --sort needs a value\n"},
-      {"config without value", {"status", "--config"}, "tarv: --config needs a value\n"},
+      {"range", {"search", "q", "--limit", "0"}, range},
+      {"value missing", {"search", "q", "--limit"}, "tarv: --limit needs a value\n"},
+      {"global option value missing", {"status", "--config"}, "tarv: --config needs a value\n"},
       {"unknown option", {"search", "report", "--colour", "red"}, "tarv: unknown option --colour\n"},
-      {"range checked before unknown options", {"search", "--bogus", "--limit", "0"}, range},
   };
   for (const OptionCase& c : cases) {
     ProcessResult result = tarv(c.words);
@@ -211,23 +165,14 @@ TEST_F(TarvCommand, InvalidConfigurationsFailWithTheirMessage) {
     std::string text;
     std::string message;
   };
-  std::string efu = kSource;
-  efu.replace(efu.find("gfind"), 5, "efu");
+  // Each rule and its message is checked where the configuration is read;
+  // here a few rows show the message reaches the person unchanged.
   std::string bareDate = kSource;
   bareDate.replace(bareDate.find("null"), 4, "\"2026-10-01\"");
-  std::string withoutScan = kSource;
-  withoutScan.erase(withoutScan.find(",\"scannedAt\":null"), 17);
   const std::vector<ConfigCase> cases = {
       {"not an object", "[1]", "Expected JSON object"},
-      {"unknown top-level key", R"({"schema":1,"theme":"dark","sources":[]})", "Unknown configuration field: theme"},
-      {"schema true", R"({"schema":true,"sources":[]})", "Configuration schema must be 1"},
-      {"schema string", R"({"schema":"1","sources":[]})", "Configuration schema must be 1"},
-      {"no sources", config(""), "sources must contain 1..16 entries"},
-      {"source not an object", config("7"), "Source must be an object"},
       {"repeated id", config(std::string(kSource) + "," + kSource), "Invalid or repeated source id"},
-      {"scannedAt absent", config(withoutScan), "Missing field: scannedAt"},
       {"bare date", config(bareDate), "Text '2026-10-01' could not be parsed"},
-      {"efu without Windows folder", config(efu), "EFU requires explicit Windows virtualDirectory"},
   };
   for (const ConfigCase& c : cases) {
     const auto path = dir_.write("config-case.json", c.text);

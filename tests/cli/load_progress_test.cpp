@@ -48,50 +48,23 @@ TEST(LoadProgressDisplay, LineTexts) {
     std::string expected;
   };
   const Case cases[] = {
-      {"reading with percent and rate",
-       {"usr", Phase::reading, 256 * kMiB, 512 * kMiB, 1234567, false},
-       2.0,
-       200,
+      {"reading with percent and rate", {"usr", Phase::reading, 256 * kMiB, 512 * kMiB, 1234567, false}, 2.0, 200,
        "tarv: loading usr: 1,234,567 records  50% of 512.0 MiB  617,284 records/s"},
-      {"reading, no size known",
-       {"usr", Phase::reading, 4096, 0, 999, false},
-       1.0,
-       200,
+      {"reading, no size known", {"usr", Phase::reading, 4096, 0, 999, false}, 1.0, 200,
        "tarv: loading usr: 999 records  999 records/s"},
-      {"reading, too early for a rate",
-       {"usr", Phase::reading, 1, 3, 1000, false},
-       0.01,
-       200,
+      {"reading, too early for a rate", {"usr", Phase::reading, 1, 3, 1000, false}, 0.01, 200,
        "tarv: loading usr: 1,000 records  33% of 3 B"},
-      {"percent rounds down and stops at 100",
-       {"a", Phase::reading, 5 * kMiB, 4 * kMiB, 0, false},
-       0.0,
-       200,
+      {"percent rounds down and stops at 100", {"a", Phase::reading, 5 * kMiB, 4 * kMiB, 0, false}, 0.0, 200,
        "tarv: loading a: 0 records  100% of 4.0 MiB"},
-      {"fingerprint shows bytes per second",
-       {"nas", Phase::fingerprint, 256 * kMiB, 512 * kMiB, 0, false},
-       1.0,
-       200,
+      {"fingerprint shows bytes per second", {"nas", Phase::fingerprint, 256 * kMiB, 512 * kMiB, 0, false}, 1.0, 200,
        "tarv: loading nas: checking  50% of 512.0 MiB  256.0 MiB/s"},
-      {"fingerprint of a gibibyte file",
-       {"nas", Phase::fingerprint, 0, 3 * 1024 * kMiB / 2, 0, false},
-       0.0,
-       200,
+      {"fingerprint of a gibibyte file", {"nas", Phase::fingerprint, 0, 3 * 1024 * kMiB / 2, 0, false}, 0.0, 200,
        "tarv: loading nas: checking  0% of 1.5 GiB"},
-      {"indexing shows only the records",
-       {"usr", Phase::indexing, 0, 0, 7900000, false},
-       3.0,
-       200,
+      {"indexing shows only the records", {"usr", Phase::indexing, 0, 0, 7900000, false}, 3.0, 200,
        "tarv: loading usr: indexing 7,900,000 records"},
-      {"cut to one column less than the terminal",
-       {"usr", Phase::reading, 256 * kMiB, 512 * kMiB, 1234567, false},
-       2.0,
-       30,
-       "tarv: loading usr: 1,234,567 "},
-      {"very narrow terminals still get twenty columns",
-       {"usr", Phase::indexing, 0, 0, 12, false},
-       3.0,
-       5,
+      {"cut to one column less than the terminal", {"usr", Phase::reading, 256 * kMiB, 512 * kMiB, 1234567, false},
+       2.0, 30, "tarv: loading usr: 1,234,567 "},
+      {"very narrow terminals still get twenty columns", {"usr", Phase::indexing, 0, 0, 12, false}, 3.0, 5,
        "tarv: loading usr: "},
   };
   for (const Case& c : cases)
@@ -177,10 +150,8 @@ TEST(LoadProgressDisplay, NothingReachesAPipe) {
   dir.write("list.gfind7", list);
   dir.write("config.json", R"({"schema": 1, "sources": [{"id": "data", "label": "Data", "format": "gfind7",
     "file": "list.gfind7", "root": "/data", "state": "complete", "scannedAt": null, "virtualDirectory": null}]})");
-  testing::ProcessOptions options;
+  testing::ProcessOptions options = testing::isolatedOptions(dir.path());
   options.env["TARV_INDEX_CACHE"] = "off";  // relative: no cache, every load is fresh
-  options.env["TARV_LOAD_TRACE"] = std::nullopt;
-  options.env["TARV_SUPPORT_DIRECTORY"] = (dir / "support").string();
   testing::ProcessResult result = testing::run(
       testing::tarvBinary(), {"--config", (dir / "config.json").string(), "search", "--count", "file1"}, options);
   EXPECT_EQ(result.status, 0) << result.err;

@@ -3,31 +3,22 @@
 // every kind (the loop must go on), huge lines, and reloading in a live
 // session when the app rewrites the configuration.
 
-#include <fcntl.h>
-#include <poll.h>
-#include <signal.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <gtest/gtest.h>
 
 #include <chrono>
 #include <random>
 #include <regex>
-#include <sstream>
 #include <string>
 #include <vector>
 
-#include "core/ai/search_syntax.h"
 #include "kernel/base/json.h"
 #include "tests/support/process.h"
 #include "tests/support/temp_dir.h"
 
-extern char** environ;
-
 namespace tarv {
 namespace {
 
+using testing::lines;
 using testing::ProcessOptions;
 using testing::ProcessResult;
 using testing::TempDir;
@@ -63,17 +54,6 @@ const std::string kConfig = R"({"schema":1,"sources":[
   {"id":"bulk","label":"Bulk","format":"gfind","file":"bulk.gfind","root":"/bulk","state":"partial",
    "scannedAt":null,"virtualDirectory":null}]})";
 
-std::vector<std::string> lines(const std::string& text) {
-  std::vector<std::string> out;
-  std::istringstream stream(text);
-  for (std::string line; std::getline(stream, line);) out.push_back(line);
-  return out;
-}
-
-std::string withoutTime(const std::string& text) {
-  return std::regex_replace(text, std::regex(R"(\\"searchMs\\":[0-9.e+-]+)"), R"(\"searchMs\":T)");
-}
-
 std::string call(const std::string& id, const std::string& tool, const std::string& arguments) {
   return R"({"jsonrpc":"2.0","id":)" + id + R"(,"method":"tools/call","params":{"name":")" + tool +
          R"(","arguments":)" + arguments + "}}";
@@ -88,17 +68,9 @@ class McpServerBinary : public ::testing::Test {
   }
 
   ProcessOptions options(std::string input) const {
-    ProcessOptions options;
+    ProcessOptions options = testing::isolatedOptions(dir_.path());
     options.input = std::move(input);
-    options.env["TARV_COMPATIBILITY"] = testing::sourceDir() + "/data/vantor-v1.json";
-    options.env["TARV_SUPPORT_DIRECTORY"] = (dir_ / "support").string();
-    options.env["HOME"] = (dir_ / "home").string();
-    options.env["XDG_CONFIG_HOME"] = (dir_ / "xdg-config").string();
-    options.env["XDG_DATA_HOME"] = (dir_ / "xdg-data").string();
     options.env["TARV_INDEX_CACHE"] = (dir_ / "cache").string();
-    options.env["TZ"] = "UTC";
-    options.workingDirectory = dir_.path().string();
-    options.timeoutSeconds = 60;
     return options;
   }
 
@@ -128,7 +100,7 @@ class McpServerBinary : public ::testing::Test {
     const std::vector<std::string> got = lines(result.out);
     ASSERT_EQ(got.size(), answered.size()) << "one reply per request, none per notification\n" << result.out;
     for (std::size_t i = 0; i < got.size(); ++i)
-      EXPECT_EQ(withoutTime(got[i]), answered[i]->reply) << answered[i]->label;
+      EXPECT_EQ(testing::withoutSearchTime(got[i]), answered[i]->reply) << answered[i]->label;
   }
 
   // The parsed "result" of each reply, in order.
@@ -241,6 +213,8 @@ TEST_F(McpServerBinary, BadLinesGetParseErrorsAndTheLoopGoesOn) {
   });
 }
 
+// Which JSON values count as whole numbers is checked in-process; here the
+// defaults and clamps applied to what they give.
 TEST_F(McpServerBinary, SearchArgumentsAreCoercedAndClamped) {
   struct Case {
     const char* label;
@@ -254,13 +228,8 @@ TEST_F(McpServerBinary, SearchArgumentsAreCoercedAndClamped) {
       {"limit 0 behaves as 1", R"({"query":"","limit":0})", 1, 0, ""},
       {"negative limit behaves as 1", R"({"limit":-40})", 1, 0, ""},
       {"limit 5000 behaves as 1000", R"({"limit":5000})", 1000, 0, ""},
-      {"limit beyond 64 bits", R"({"limit":18446744073709551615})", 1000, 0, ""},
-      {"limit as a huge float", R"({"limit":1e300})", 1000, 0, ""},
       {"limit as a string behaves as 50", R"({"limit":"20"})", 50, 0, ""},
-      {"limit with a fraction behaves as 50", R"({"limit":2.5})", 50, 0, ""},
       {"limit as a whole float", R"({"limit":3.0})", 3, 0, ""},
-      {"limit as a Boolean behaves as 50", R"({"limit":true})", 50, 0, ""},
-      {"limit null behaves as 50", R"({"limit":null})", 50, 0, ""},
       {"offset -3 behaves as 0", R"({"limit":2,"offset":-3})", 2, 0, ""},
       {"offset as a string behaves as 0", R"({"limit":2,"offset":"5"})", 2, 0, ""},
       {"offset near the end", R"({"offset":1105})", 2, 1105, ""},
@@ -306,7 +275,6 @@ TEST_F(McpServerBinary, SyntaxToolReturnsTheSameBytesAsTheCommand) {
   EXPECT_EQ(replies[0].at("isError"), false);
   EXPECT_EQ(replies[0].at("content").at(0).at("type"), "text");
   EXPECT_EQ(replies[0].at("content").at(0).at("text").get<std::string>() + "\n", command.out);
-  EXPECT_EQ(replies[0].at("content").at(0).at("text").get<std::string>(), std::string(SearchSyntax::guide));
 }
 
 TEST_F(McpServerBinary, ListsTheThreeTools) {
@@ -449,90 +417,8 @@ TEST_F(McpServerBinary, RandomDamageNeverStopsTheLoop) {
 // A live session: the server is asked, the test changes files, the server is
 // asked again. Replies come before the next line is read, so each step sees
 // the files as they are at that moment.
-class LiveServer {
- public:
-  LiveServer(const std::vector<std::string>& arguments, const ProcessOptions& options) {
-    ::signal(SIGPIPE, SIG_IGN);  // a server that died shows as a missing reply, not a killed test
-    int toChild[2], fromChild[2];
-    if (::pipe(toChild) != 0 || ::pipe(fromChild) != 0) throw std::runtime_error("pipe");
-    std::vector<std::string> envStrings;
-    for (char** e = environ; *e; ++e) {
-      const std::string entry = *e;
-      const std::string key = entry.substr(0, entry.find('='));
-      if (options.env.find(key) == options.env.end()) envStrings.push_back(entry);
-    }
-    for (const auto& [key, value] : options.env)
-      if (value) envStrings.push_back(key + "=" + *value);
-    std::vector<char*> envp;
-    for (std::string& s : envStrings) envp.push_back(s.data());
-    envp.push_back(nullptr);
-    std::string program = testing::tarvBinary();
-    std::vector<std::string> words = arguments;
-    std::vector<char*> argv{program.data()};
-    for (std::string& w : words) argv.push_back(w.data());
-    argv.push_back(nullptr);
-    pid_ = ::fork();
-    if (pid_ == 0) {
-      ::dup2(toChild[0], 0);
-      ::dup2(fromChild[1], 1);
-      ::close(toChild[1]);
-      ::close(fromChild[0]);
-      ::execve(program.c_str(), argv.data(), envp.data());
-      ::_exit(127);
-    }
-    ::close(toChild[0]);
-    ::close(fromChild[1]);
-    in_ = toChild[1];
-    out_ = fromChild[0];
-  }
-  ~LiveServer() {
-    if (in_ >= 0) ::close(in_);
-    if (out_ >= 0) ::close(out_);
-    if (pid_ > 0) {
-      ::kill(pid_, SIGKILL);
-      ::waitpid(pid_, nullptr, 0);
-    }
-  }
-
-  // Sends a line and returns the reply line (empty after 30 seconds of silence).
-  std::string ask(const std::string& line) {
-    const std::string bytes = line + "\n";
-    if (::write(in_, bytes.data(), bytes.size()) != static_cast<ssize_t>(bytes.size())) return "";
-    for (;;) {
-      const std::size_t end = pending_.find('\n');
-      if (end != std::string::npos) {
-        std::string reply = pending_.substr(0, end);
-        pending_.erase(0, end + 1);
-        return reply;
-      }
-      pollfd poll{out_, POLLIN, 0};
-      if (::poll(&poll, 1, 30000) <= 0) return "";
-      char chunk[65536];
-      const ssize_t n = ::read(out_, chunk, sizeof chunk);
-      if (n <= 0) return "";
-      pending_.append(chunk, static_cast<std::size_t>(n));
-    }
-  }
-
-  // Closes standard input and returns the exit status.
-  int finish() {
-    ::close(in_);
-    in_ = -1;
-    int status = 0;
-    ::waitpid(pid_, &status, 0);
-    pid_ = -1;
-    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-  }
-
- private:
-  pid_t pid_ = -1;
-  int in_ = -1;
-  int out_ = -1;
-  std::string pending_;
-};
-
 TEST_F(McpServerBinary, ReloadsWhenTheConfigurationChanges) {
-  LiveServer server({"mcp", "--config", config_.string()}, options(""));
+  testing::LiveProcess server(testing::tarvBinary(), {"mcp", "--config", config_.string()}, options(""));
   auto paths = [&](const std::string& reply) {
     const json::Value result = json::Value::parse(reply).at("result");
     const std::string text = result.at("content").at(0).at("text");

@@ -16,7 +16,6 @@
 namespace tarv {
 namespace {
 
-using testing::ProcessOptions;
 using testing::ProcessResult;
 using testing::TempDir;
 using Words = std::vector<std::string>;
@@ -79,23 +78,8 @@ class SearchCommand : public ::testing::Test {
   }
 
   ProcessResult tarv(Words words) const {
-    ProcessOptions options;
-    options.env["TARV_COMPATIBILITY"] = testing::sourceDir() + "/data/vantor-v1.json";
-    options.env["TARV_SUPPORT_DIRECTORY"] = (dir_ / "support").string();
-    options.env["HOME"] = (dir_ / "home").string();
-    options.env["XDG_CONFIG_HOME"] = (dir_ / "xdg-config").string();
-    options.env["XDG_DATA_HOME"] = (dir_ / "xdg-data").string();
-    options.env["TARV_INDEX_CACHE"] = std::nullopt;
-    options.env["TZ"] = "UTC";  // date terms are local
-    options.workingDirectory = dir_.path().string();
-    options.timeoutSeconds = 60;
     words.insert(words.end(), {"--config", config_.string()});
-    return testing::run(testing::tarvBinary(), words, options);
-  }
-
-  // The search time differs from run to run; everything else is exact.
-  static std::string withoutTime(const std::string& text) {
-    return std::regex_replace(text, std::regex(R"("searchMs": [0-9.e+-]+)"), R"("searchMs": T)");
+    return testing::run(testing::tarvBinary(), words, testing::isolatedOptions(dir_.path()));
   }
 
   TempDir dir_;
@@ -146,7 +130,7 @@ TEST_F(SearchCommand, CountIsTheTotalAndWinsOverJson) {
 TEST_F(SearchCommand, JsonResultExactly) {
   const ProcessResult result = tarv({"search", "report", "--sort", "size-desc", "--limit", "2", "--json"});
   EXPECT_EQ(result.status, 0) << result.err;
-  EXPECT_EQ(withoutTime(result.out), R"({
+  EXPECT_EQ(testing::withoutSearchTime(result.out), R"({
   "offset": 0,
   "query": "report",
   "results": [
@@ -185,7 +169,7 @@ TEST_F(SearchCommand, JsonResultExactly) {
 TEST_F(SearchCommand, JsonRowsOmitWhatIsUnknown) {
   const ProcessResult result = tarv({"search", "notes|photo|wfn:Docs", "--json", "--sort", "path-asc"});
   EXPECT_EQ(result.status, 0) << result.err;
-  EXPECT_EQ(withoutTime(result.out), R"({
+  EXPECT_EQ(testing::withoutSearchTime(result.out), R"({
   "offset": 0,
   "query": "notes|photo|wfn:Docs",
   "results": [
@@ -224,7 +208,7 @@ TEST_F(SearchCommand, OffsetAtOrBeyondTheTotal) {
   for (const std::string offset : {"3", "4", "1000000"}) {
     const ProcessResult result = tarv({"search", "report", "--offset", offset, "--json"});
     EXPECT_EQ(result.status, 0);
-    EXPECT_EQ(withoutTime(result.out), "{\n  \"offset\": " + offset +
+    EXPECT_EQ(testing::withoutSearchTime(result.out), "{\n  \"offset\": " + offset +
                                            ",\n  \"query\": \"report\",\n  \"results\": [],\n  \"returned\": 0,\n"
                                            "  \"searchMs\": T,\n  \"sort\": \"name-asc\",\n  \"total\": 3\n}\n")
         << offset;

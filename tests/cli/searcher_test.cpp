@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "kernel/base/kernel_error.h"
+#include "tests/support/environment_guard.h"
 #include "tests/support/temp_dir.h"
 
 namespace tarv::cli {
@@ -154,41 +155,36 @@ TEST(Searcher, ReloadsOnlyWhenTheModificationDateChanges) {
   EXPECT_EQ(harness.loads, 5);
 }
 
-TEST(Searcher, MissingConfigurationSaysWhereItLooked) {
-  Harness harness;
-  Searcher searcher = harness.make();
-  try {
-    searcher.search("", "name-asc", 0, 1);
-    FAIL() << "searched without a configuration";
-  } catch (const KernelError& error) {
-    EXPECT_EQ(error.message(),
-              "No index yet: open Tarv and choose the folders to search (" + harness.config.string() + ").");
-  }
-  EXPECT_EQ(harness.loads, 0);
-}
-
-TEST(Searcher, ConfigurationErrorsComeBeforeLoading) {
-  Harness harness;
-  harness.writeConfig(R"({"schema":1,"sources":[]})");
-  Searcher searcher = harness.make();
-  try {
-    searcher.status();
-    FAIL() << "accepted an empty source list";
-  } catch (const KernelError& error) {
-    EXPECT_EQ(error.message(), "sources must contain 1..16 entries");
-  }
-  EXPECT_EQ(harness.loads, 0);
-}
-
-TEST(Searcher, SearchErrorsPassThrough) {
-  Harness harness;
-  harness.writeConfig(kValidConfiguration);
-  Searcher searcher = harness.make();
-  try {
-    searcher.search("", "colour-asc", 0, 10);
-    FAIL() << "accepted an unknown sort";
-  } catch (const KernelError& error) {
-    EXPECT_EQ(error.message(), "Unsupported sort: colour-asc");
+TEST(Searcher, ErrorsComeBeforeLoadingOrPassThrough) {
+  struct Case {
+    const char* label;
+    std::optional<std::string> configuration;  // none: no file at all
+    bool status;                                // status() rather than search()
+    std::string sort;
+    std::string message;  // {config} stands for the configuration's path
+    int loads;
+  };
+  const std::vector<Case> cases = {
+      {"no configuration says where it looked", std::nullopt, false, "name-asc",
+       "No index yet: open Tarv and choose the folders to search ({config}).", 0},
+      {"configuration errors come before loading", R"({"schema":1,"sources":[]})", true, "name-asc",
+       "sources must contain 1..16 entries", 0},
+      {"search errors pass through", kValidConfiguration, false, "colour-asc", "Unsupported sort: colour-asc", 1},
+  };
+  for (const Case& c : cases) {
+    Harness harness;
+    if (c.configuration) harness.writeConfig(*c.configuration);
+    Searcher searcher = harness.make();
+    std::string message = c.message;
+    if (auto at = message.find("{config}"); at != std::string::npos) message.replace(at, 8, harness.config.string());
+    try {
+      if (c.status) searcher.status();
+      else searcher.search("", c.sort, 0, 10);
+      ADD_FAILURE() << c.label << ": no error";
+    } catch (const KernelError& error) {
+      EXPECT_EQ(error.message(), message) << c.label;
+    }
+    EXPECT_EQ(harness.loads, c.loads) << c.label;
   }
 }
 
@@ -213,22 +209,6 @@ TEST(Searcher, StatusPairsSourcesWithCounts) {
   EXPECT_EQ(std::static_pointer_cast<const FakeSnapshot>(searcher.current())->finished, 1);
 }
 
-// Restores one environment variable when the test ends.
-class SavedVariable {
- public:
-  explicit SavedVariable(const char* name) : name_(name) {
-    if (const char* value = std::getenv(name)) old_ = value;
-  }
-  ~SavedVariable() {
-    if (old_) ::setenv(name_, old_->c_str(), 1);
-    else ::unsetenv(name_);
-  }
-
- private:
-  const char* name_;
-  std::optional<std::string> old_;
-};
-
 TEST(Searcher, PointsTheIndexCacheAtTheSupportFolderUnlessSet) {
   TempDir dir;
   std::string identity = "[0";
@@ -237,17 +217,16 @@ TEST(Searcher, PointsTheIndexCacheAtTheSupportFolderUnlessSet) {
   const auto table = dir.write("table.json", "{\"search\":" + identity + ",\"sort\":" + identity +
                                                  ",\"case\":" + identity + "}");
   const std::vector<std::string> argv = {"tarv", "status", "--compatibility", table.string()};
-  SavedVariable cache("TARV_INDEX_CACHE"), support("TARV_SUPPORT_DIRECTORY"), compat("TARV_COMPATIBILITY");
-  ::setenv("TARV_SUPPORT_DIRECTORY", dir.path().c_str(), 1);
-  ::setenv("TARV_COMPATIBILITY", (dir / "not-used.json").c_str(), 1);
-
-  ::unsetenv("TARV_INDEX_CACHE");
+  testing::EnvironmentGuard environment;
+  environment.set("TARV_SUPPORT_DIRECTORY", dir.path().string());
+  environment.set("TARV_COMPATIBILITY", (dir / "not-used.json").string());
+  environment.set("TARV_INDEX_CACHE", std::nullopt);
   Searcher searcher(dir / "config.json", argv);
   ASSERT_NE(searcher.compatibility(), nullptr) << "the table named on the command line is loaded";
   EXPECT_EQ(searcher.compatibility()->fold(u'Q'), u'Q');
   EXPECT_EQ(std::string(std::getenv("TARV_INDEX_CACHE")), (dir / "IndexCache").string());
 
-  ::setenv("TARV_INDEX_CACHE", "relative/on/purpose", 1);
+  environment.set("TARV_INDEX_CACHE", "relative/on/purpose");
   Searcher again(dir / "config.json", argv);
   EXPECT_EQ(std::string(std::getenv("TARV_INDEX_CACHE")), "relative/on/purpose");
 }

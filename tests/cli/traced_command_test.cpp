@@ -1,12 +1,12 @@
-// The built `tarv` over the index cache: the first run loads afresh and
-// leaves cache files, later runs map them (as the load trace shows) and print
-// exactly what a run without any cache prints.
+// The built `tarv` seen through its load trace: over the index cache the
+// first run loads afresh and leaves cache files, later runs map them and
+// print exactly what a run without any cache prints; the query plan names
+// each source's strategy and matched rows, so a slow query can be explained.
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <regex>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -28,21 +28,22 @@ const std::string kConfig = R"({"schema": 1, "sources": [
   {"id": "home", "label": "Home", "format": "gfind", "file": "home.gfind", "root": "/home",
    "state": "complete", "scannedAt": null, "virtualDirectory": null}]})";
 
+// File i has size i, so a size bound picks a known number of files.
 std::string records(const std::string& root, int files) {
   std::string text = "d 0 1700000000 " + root + "/docs\0"s;
   for (int i = 0; i < files; ++i)
-    text += "f " + std::to_string(i * 97 % 1000) + " " + std::to_string(1700000000 + i * 7 % 50) + " " + root +
-            "/docs/note" + std::to_string(i) + (i % 2 ? ".txt" : ".md") + '\0';
+    text += "f " + std::to_string(i) + " " + std::to_string(1700000000 + i * 7 % 50) + " " + root + "/docs/note" +
+            std::to_string(i) + (i % 2 ? ".txt" : ".md") + '\0';
   return text;
 }
 
 // Trace lines of one phase and event.
 int count(const std::string& trace, const std::string& phase, const std::string& event) {
-  int found = 0;
-  std::istringstream in(trace);
-  for (std::string line; std::getline(in, line);)
-    if (line.find(" phase=" + phase + " event=" + event + " ") != std::string::npos) ++found;
-  return found;
+  const std::string marker = " phase=" + phase + " event=" + event + " ";
+  const std::vector<std::string> all = testing::lines(trace);
+  return static_cast<int>(std::count_if(all.begin(), all.end(), [&](const std::string& line) {
+    return line.find(marker) != std::string::npos;
+  }));
 }
 
 std::vector<std::string> cacheFiles(const std::filesystem::path& directory) {
@@ -53,7 +54,7 @@ std::vector<std::string> cacheFiles(const std::filesystem::path& directory) {
   return names;
 }
 
-class IndexCacheCommand : public ::testing::Test {
+class TracedCommand : public ::testing::Test {
  protected:
   void SetUp() override {
     dir_.write("work.gfind", records("/work", 30));
@@ -63,15 +64,9 @@ class IndexCacheCommand : public ::testing::Test {
 
   ProcessResult tarv(const Words& arguments, const std::optional<std::string>& cache,
                      const std::optional<std::string>& trace = "1") const {
-    ProcessOptions options;
-    options.env["TARV_SUPPORT_DIRECTORY"] = (dir_ / "support").string();
-    options.env["HOME"] = (dir_ / "home").string();
-    options.env["XDG_CONFIG_HOME"] = (dir_ / "xdg-config").string();
-    options.env["XDG_DATA_HOME"] = (dir_ / "xdg-data").string();
+    ProcessOptions options = testing::isolatedOptions(dir_.path());
     options.env["TARV_INDEX_CACHE"] = cache;
     options.env["TARV_LOAD_TRACE"] = trace;
-    options.workingDirectory = dir_.path().string();
-    options.timeoutSeconds = 60;
     Words all = arguments;
     all.insert(all.end(), {"--config", config_});
     return testing::run(testing::tarvBinary(), all, options);
@@ -81,7 +76,7 @@ class IndexCacheCommand : public ::testing::Test {
   std::string config_;
 };
 
-TEST_F(IndexCacheCommand, SecondRunMapsWhatTheFirstStored) {
+TEST_F(TracedCommand, SecondRunMapsWhatTheFirstStored) {
   const std::string cache = (dir_ / "cache").string();
   const ProcessResult first = tarv({"search", "note", "--sort", "size-desc"}, cache);
   ASSERT_EQ(first.status, 0) << first.err;
@@ -109,7 +104,7 @@ TEST_F(IndexCacheCommand, SecondRunMapsWhatTheFirstStored) {
   EXPECT_EQ(cacheFiles(cache).size(), 3u);
 }
 
-TEST_F(IndexCacheCommand, CachedAndUncachedRunsPrintTheSame) {
+TEST_F(TracedCommand, CachedAndUncachedRunsPrintTheSame) {
   const std::string cache = (dir_ / "cache").string();
   for (const Words& command : {Words{"search", "", "--sort", "path-asc"}, Words{"search", "note1", "--count"},
                                Words{"search", "ext:txt", "--sort", "date-modified-desc", "--json"},
@@ -120,15 +115,14 @@ TEST_F(IndexCacheCommand, CachedAndUncachedRunsPrintTheSame) {
     const ProcessResult cached = tarv(command, cache, std::nullopt);
     ASSERT_EQ(plain.status, 0) << plain.err;
     // The search's own time is the one thing allowed to differ.
-    const std::regex timing("\"searchMs\": [0-9.e+-]+");
-    EXPECT_EQ(std::regex_replace(cached.out, timing, "searchMs"), std::regex_replace(plain.out, timing, "searchMs"))
+    EXPECT_EQ(testing::withoutSearchTime(cached.out), testing::withoutSearchTime(plain.out))
         << command[0] << " " << command[1];
     EXPECT_EQ(cached.err, "");
     EXPECT_FALSE(std::filesystem::exists(dir_ / "cache-here"));
   }
 }
 
-TEST_F(IndexCacheCommand, TraceNeedsExactlyOne) {
+TEST_F(TracedCommand, TraceNeedsExactlyOne) {
   for (const std::string value : {"true", "yes", "on", "2"}) {
     const ProcessResult result = tarv({"status"}, (dir_ / "cache").string(), value);
     EXPECT_EQ(result.status, 0) << value;
@@ -136,10 +130,34 @@ TEST_F(IndexCacheCommand, TraceNeedsExactlyOne) {
   }
   const ProcessResult traced = tarv({"status"}, (dir_ / "cache").string(), "1");
   const std::regex line(R"(\d{4}-\d\d-\d\dT[\d:.]+Z pid=\d+ elapsedMs=\d+\.\d{3} phase=[a-z0-9.]+ event=[a-z]+ rssMiB=\d+\.\d .*)");
-  std::istringstream in(traced.err);
-  int lines = 0;
-  for (std::string text; std::getline(in, text); ++lines) EXPECT_TRUE(std::regex_match(text, line)) << text;
-  EXPECT_GE(lines, 4);
+  const std::vector<std::string> traceLines = testing::lines(traced.err);
+  for (const std::string& text : traceLines) EXPECT_TRUE(std::regex_match(text, line)) << text;
+  EXPECT_GE(traceLines.size(), 4u);
+}
+
+TEST_F(TracedCommand, QueryPlanNamesEachSourcesStrategyAndRows) {
+  struct Case {
+    const char* query;
+    const char* strategy;
+    int workRows;
+    int homeRows;
+  };
+  const std::vector<Case> cases = {
+      {"note1", "name-literal", 11, 11}, {"ext:txt", "extension", 15, 10}, {"size:<3", "filter-scan", 3, 3},
+      {"ext:md note2", "combined", 6, 1}, {"parent:/nowhere", "none", 0, 0},
+  };
+  for (const Case& c : cases) {
+    const ProcessResult result = tarv({"search", "--count", c.query}, (dir_ / "cache").string());
+    ASSERT_EQ(result.status, 0) << result.err;
+    for (const auto& [source, rows] : {std::pair{"work", c.workRows}, std::pair{"home", c.homeRows}}) {
+      const std::regex line(" phase=query\\.plan event=source .*source="s + source + " strategy=" + c.strategy +
+                            " rows=" + std::to_string(rows) + " records=\\d+");
+      EXPECT_TRUE(std::regex_search(result.err, line)) << c.query << " " << source << "\n" << result.err;
+    }
+    EXPECT_TRUE(std::regex_search(result.err, std::regex(" phase=query\\.plan event=total .*rows=" +
+                                                         std::to_string(c.workRows + c.homeRows))))
+        << c.query;
+  }
 }
 
 }  // namespace
