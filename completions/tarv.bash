@@ -15,17 +15,28 @@ _tarv_files() {
   COMPREPLY=($(compgen -f -- "$1"))
 }
 
-_tarv() {
-  local cur=${COMP_WORDS[COMP_CWORD]}
-  local prev=
+# Sets the caller's cur and prev to the word under the cursor and the one
+# before it, and completes file names after the options both commands share;
+# succeeds when it did so and nothing is left to offer.
+_tarv_start() {
+  cur=${COMP_WORDS[COMP_CWORD]}
+  prev=
   ((COMP_CWORD > 0)) && prev=${COMP_WORDS[COMP_CWORD - 1]}
   COMPREPLY=()
-
   case $prev in
     --config | --compatibility)
       _tarv_files "$cur"
       return 0
       ;;
+  esac
+  return 1
+}
+
+_tarv() {
+  local cur prev
+  _tarv_start && return 0
+
+  case $prev in
     --sort)
       _tarv_words "name-asc name-desc path-asc path-desc size-asc size-desc
 date-modified-asc date-modified-desc date-created-asc date-created-desc
@@ -74,16 +85,8 @@ size-on-disk-asc size-on-disk-desc volume-label-asc volume-label-desc" "$cur"
 }
 
 _tarv_service() {
-  local cur=${COMP_WORDS[COMP_CWORD]}
-  local prev=
-  ((COMP_CWORD > 0)) && prev=${COMP_WORDS[COMP_CWORD - 1]}
-  COMPREPLY=()
-  case $prev in
-    --config | --compatibility)
-      _tarv_files "$cur"
-      return 0
-      ;;
-  esac
+  local cur prev
+  _tarv_start && return 0
   _tarv_words "--config --compatibility" "$cur"
   return 0
 }

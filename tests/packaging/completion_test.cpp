@@ -19,6 +19,11 @@ namespace {
 
 using Words = std::vector<std::string>;
 
+Words sorted(Words words) {
+  std::sort(words.begin(), words.end());
+  return words;
+}
+
 // What the completion offers for the command line `words`, the last word
 // being the one under the cursor; sorted.
 Words complete(const std::string& bash, const Words& words, const std::string& workingDirectory = {}) {
@@ -35,22 +40,10 @@ Words complete(const std::string& bash, const Words& words, const std::string& w
   ProcessResult result = run(bash, arguments, options);
   EXPECT_EQ(result.status, 0) << result.err;
   EXPECT_EQ(result.err, "");
-  Words offered;
-  std::istringstream lines(result.out);
-  for (std::string line; std::getline(lines, line);) offered.push_back(line);
-  std::sort(offered.begin(), offered.end());
-  return offered;
+  return sorted(lines(result.out));
 }
 
-Words sorted(Words words) {
-  std::sort(words.begin(), words.end());
-  return words;
-}
-
-Words allSortNames() {
-  Words names(kSortNames.begin(), kSortNames.end());
-  return sorted(names);
-}
+Words allSortNames() { return sorted(Words(kSortNames.begin(), kSortNames.end())); }
 
 TEST(BashCompletion, OffersWhatTheCommandLineTakes) {
   const auto bash = findProgram("bash");

@@ -40,23 +40,13 @@ ProcessOptions withTimeout(int seconds) {
   return options;
 }
 
-std::vector<std::string> lines(const std::string& text) {
-  std::vector<std::string> out;
-  std::istringstream stream(text);
-  for (std::string line; std::getline(stream, line);) out.push_back(line);
-  return out;
-}
-
 // The environment of an installed tarv run by a user: no table override, a
 // support folder and cache of its own, started from an unrelated folder.
 ProcessOptions userOptions(const TempDir& dir) {
-  ProcessOptions options;
-  options.env["TARV_COMPATIBILITY"] = std::nullopt;
-  options.env["TARV_LOAD_TRACE"] = std::nullopt;
-  options.env["TARV_SUPPORT_DIRECTORY"] = (dir / "support").string();
-  options.env["TARV_INDEX_CACHE"] = (dir / "cache").string();
   fs::create_directories(dir / "elsewhere");
-  options.workingDirectory = (dir / "elsewhere").string();
+  ProcessOptions options = isolatedOptions(dir / "elsewhere");
+  options.env["TARV_COMPATIBILITY"] = std::nullopt;
+  options.env["TARV_INDEX_CACHE"] = (dir / "cache").string();
   return options;
 }
 
