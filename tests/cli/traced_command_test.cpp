@@ -46,11 +46,12 @@ int count(const std::string& trace, const std::string& phase, const std::string&
   }));
 }
 
+// The index files in the cache folder (other caches may share the folder).
 std::vector<std::string> cacheFiles(const std::filesystem::path& directory) {
   std::vector<std::string> names;
   std::error_code error;
   for (const auto& entry : std::filesystem::directory_iterator(directory, error))
-    names.push_back(entry.path().filename().string());
+    if (entry.path().extension() == ".tarvidx") names.push_back(entry.path().filename().string());
   return names;
 }
 
