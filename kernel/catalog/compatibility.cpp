@@ -9,6 +9,7 @@
 #include "kernel/base/files.h"
 #include "kernel/base/kernel_error.h"
 #include "kernel/base/sha256.h"
+#include "kernel/catalog/compatibility_cache.h"
 
 namespace tarv {
 
@@ -106,6 +107,8 @@ inline int walk(TextView a, TextView b, Weight weight) noexcept {
 
 std::shared_ptr<const Compatibility> Compatibility::load(const std::optional<std::filesystem::path>& url) {
   const std::filesystem::path location = url ? *url : defaultLocation();
+  if (std::optional<std::filesystem::path> folder = CompatibilityCache::environmentDirectory())
+    return CompatibilityCache(*folder).load(location);
   const std::string bytes = files::readAll(location);
   return parse(bytes);
 }

@@ -28,6 +28,8 @@ class Compatibility {
   using Table = std::array<std::uint16_t, 65536>;
 
   // Loads the table file at `url`, or at defaultLocation() when absent.
+  // With an index cache folder (TARV_INDEX_CACHE) the table comes from its
+  // compiled copy there when that is current (see CompatibilityCache).
   static std::shared_ptr<const Compatibility> load(const std::optional<std::filesystem::path>& url = std::nullopt);
   // Parses the bytes of a table file (the byte-scan loader; no general JSON parse).
   static std::shared_ptr<const Compatibility> parse(std::string_view bytes);
@@ -78,6 +80,7 @@ class Compatibility {
   const std::string& fingerprint() const noexcept { return fingerprint_; }
 
  private:
+  friend class CompatibilityCache;  // reads and writes the tables in place
   Compatibility() = default;
   Table search_{};
   Table order_{};
