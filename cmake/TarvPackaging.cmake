@@ -57,6 +57,8 @@ set(CPACK_DEBIAN_PACKAGE_SECTION utils)
 set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+# Opened at run time by the AI commands, so dpkg-shlibdeps cannot see it.
+set(CPACK_DEBIAN_PACKAGE_DEPENDS "libcurl4")
 # find makes the gfind sources the quick start indexes.
 set(CPACK_DEBIAN_PACKAGE_RECOMMENDS "findutils")
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)

@@ -1,11 +1,9 @@
 #include "core/ai/http_client.h"
 
-#include <curl/curl.h>
-
 #include <memory>
-#include <mutex>
 
 #include "core/ai/ai_error.h"
+#include "core/ai/curl_library.h"
 #include "core/ai/intent_text.h"
 #include "kernel/base/json.h"
 #include "kernel/base/text.h"
@@ -13,31 +11,28 @@
 namespace tarv::AISearch {
 namespace {
 
-void initialiseOnce() {
-  static std::once_flag once;
-  std::call_once(once, [] { curl_global_init(CURL_GLOBAL_DEFAULT); });
-}
-
 struct UrlDeleter {
-  void operator()(CURLU* url) const { curl_url_cleanup(url); }
+  void operator()(CURLU* url) const { curlLibrary().urlCleanup(url); }
 };
 using Url = std::unique_ptr<CURLU, UrlDeleter>;
 
 struct CurlText {
   char* value = nullptr;
-  ~CurlText() { curl_free(value); }
+  ~CurlText() {
+    if (value) curlLibrary().free(value);
+  }
 };
 
 // An absolute http(s) URL with a host, or nothing.
 Url parsedWebUrl(std::string_view text) {
-  initialiseOnce();
-  Url url(curl_url());
+  const CurlLibrary& curl = curlLibrary();
+  Url url(curl.url());
   if (!url) return nullptr;
   const std::string copy(text);
-  if (curl_url_set(url.get(), CURLUPART_URL, copy.c_str(), 0) != CURLUE_OK) return nullptr;
+  if (curl.urlSet(url.get(), CURLUPART_URL, copy.c_str(), 0) != CURLUE_OK) return nullptr;
   CurlText scheme, host;
-  if (curl_url_get(url.get(), CURLUPART_SCHEME, &scheme.value, 0) != CURLUE_OK ||
-      curl_url_get(url.get(), CURLUPART_HOST, &host.value, 0) != CURLUE_OK)
+  if (curl.urlGet(url.get(), CURLUPART_SCHEME, &scheme.value, 0) != CURLUE_OK ||
+      curl.urlGet(url.get(), CURLUPART_HOST, &host.value, 0) != CURLUE_OK)
     return nullptr;
   const std::string_view schemeText(scheme.value);
   if (schemeText != "http" && schemeText != "https") return nullptr;
@@ -46,8 +41,9 @@ Url parsedWebUrl(std::string_view text) {
 }
 
 std::optional<std::string> urlText(CURLU* url) {
+  const CurlLibrary& curl = curlLibrary();
   CurlText whole;
-  if (curl_url_get(url, CURLUPART_URL, &whole.value, 0) != CURLUE_OK) return std::nullopt;
+  if (curl.urlGet(url, CURLUPART_URL, &whole.value, 0) != CURLUE_OK) return std::nullopt;
   return std::string(whole.value);
 }
 
@@ -77,44 +73,44 @@ std::string bodyPrefix(std::string_view body, std::size_t limit) {
 }  // namespace
 
 HttpResponse post(const HttpRequest& request) {
-  initialiseOnce();
-  std::unique_ptr<CURL, decltype(&curl_easy_cleanup)> curl(curl_easy_init(), &curl_easy_cleanup);
+  const CurlLibrary& lib = curlLibrary();
+  std::unique_ptr<CURL, decltype(lib.easyCleanup)> curl(lib.easyInit(), lib.easyCleanup);
   if (!curl) throw AIError::transport("Cannot start an HTTP request");
-  std::unique_ptr<curl_slist, decltype(&curl_slist_free_all)> headers(nullptr, &curl_slist_free_all);
+  std::unique_ptr<curl_slist, decltype(lib.slistFreeAll)> headers(nullptr, lib.slistFreeAll);
   for (const auto& [name, value] : request.headers) {
     const std::string line = name + ": " + value;
-    curl_slist* grown = curl_slist_append(headers.get(), line.c_str());
+    curl_slist* grown = lib.slistAppend(headers.get(), line.c_str());
     if (!grown) throw AIError::transport("Cannot start an HTTP request");
     headers.release();
     headers.reset(grown);
   }
   // libcurl would otherwise ask for "100 Continue" before a large body, a
   // round trip that plain servers do not answer.
-  if (curl_slist* grown = curl_slist_append(headers.get(), "Expect:")) {
+  if (curl_slist* grown = lib.slistAppend(headers.get(), "Expect:")) {
     headers.release();
     headers.reset(grown);
   }
   Collected collected;
   char errorText[CURL_ERROR_SIZE] = {};
   CURL* handle = curl.get();
-  curl_easy_setopt(handle, CURLOPT_URL, request.url.c_str());
-  curl_easy_setopt(handle, CURLOPT_PROTOCOLS_STR, "http,https");
-  curl_easy_setopt(handle, CURLOPT_POST, 1L);
-  curl_easy_setopt(handle, CURLOPT_POSTFIELDS, request.body.data());
-  curl_easy_setopt(handle, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(request.body.size()));
-  curl_easy_setopt(handle, CURLOPT_HTTPHEADER, headers.get());
-  curl_easy_setopt(handle, CURLOPT_TIMEOUT_MS, static_cast<long>(request.timeout.count()));
-  curl_easy_setopt(handle, CURLOPT_NOSIGNAL, 1L);
-  curl_easy_setopt(handle, CURLOPT_WRITEFUNCTION, &collect);
-  curl_easy_setopt(handle, CURLOPT_WRITEDATA, &collected);
-  curl_easy_setopt(handle, CURLOPT_ERRORBUFFER, errorText);
+  lib.easySetopt(handle, CURLOPT_URL, request.url.c_str());
+  lib.easySetopt(handle, CURLOPT_PROTOCOLS_STR, "http,https");
+  lib.easySetopt(handle, CURLOPT_POST, 1L);
+  lib.easySetopt(handle, CURLOPT_POSTFIELDS, request.body.data());
+  lib.easySetopt(handle, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(request.body.size()));
+  lib.easySetopt(handle, CURLOPT_HTTPHEADER, headers.get());
+  lib.easySetopt(handle, CURLOPT_TIMEOUT_MS, static_cast<long>(request.timeout.count()));
+  lib.easySetopt(handle, CURLOPT_NOSIGNAL, 1L);
+  lib.easySetopt(handle, CURLOPT_WRITEFUNCTION, &collect);
+  lib.easySetopt(handle, CURLOPT_WRITEDATA, &collected);
+  lib.easySetopt(handle, CURLOPT_ERRORBUFFER, errorText);
   // Replies may be compressed; libcurl decodes whatever it supports.
-  curl_easy_setopt(handle, CURLOPT_ACCEPT_ENCODING, "");
-  const CURLcode code = curl_easy_perform(handle);
+  lib.easySetopt(handle, CURLOPT_ACCEPT_ENCODING, "");
+  const CURLcode code = lib.easyPerform(handle);
   if (collected.tooLarge) throw AIError::transport("The AI service's reply is larger than 8 MiB");
-  if (code != CURLE_OK) throw AIError::transport(errorText[0] ? errorText : curl_easy_strerror(code));
+  if (code != CURLE_OK) throw AIError::transport(errorText[0] ? errorText : lib.easyStrerror(code));
   HttpResponse response;
-  curl_easy_getinfo(handle, CURLINFO_RESPONSE_CODE, &response.status);
+  lib.easyGetinfo(handle, CURLINFO_RESPONSE_CODE, &response.status);
   response.body = std::move(collected.body);
   return response;
 }
@@ -135,28 +131,30 @@ std::string send(const HttpRequest& request) {
 }
 
 std::optional<std::string> appendingPathComponent(std::string_view base, std::string_view component) {
+  const CurlLibrary& curl = curlLibrary();
   Url url = parsedWebUrl(text::trimmed(base));
   if (!url) return std::nullopt;
   CurlText path;
-  if (curl_url_get(url.get(), CURLUPART_PATH, &path.value, 0) != CURLUE_OK) return std::nullopt;
+  if (curl.urlGet(url.get(), CURLUPART_PATH, &path.value, 0) != CURLUE_OK) return std::nullopt;
   std::string joined(path.value);
   if (joined.empty() || joined.back() != '/') joined += '/';
   joined += component;
-  if (curl_url_set(url.get(), CURLUPART_PATH, joined.c_str(), 0) != CURLUE_OK) return std::nullopt;
+  if (curl.urlSet(url.get(), CURLUPART_PATH, joined.c_str(), 0) != CURLUE_OK) return std::nullopt;
   return urlText(url.get());
 }
 
 std::optional<std::string> replacingOrigin(std::string_view url, std::string_view origin) {
+  const CurlLibrary& curl = curlLibrary();
   Url target = parsedWebUrl(url);
   Url source = parsedWebUrl(text::trimmed(origin));
   if (!target || !source) return std::nullopt;
   for (CURLUPart part : {CURLUPART_SCHEME, CURLUPART_HOST, CURLUPART_PORT}) {
     CurlText value;
-    const CURLUcode got = curl_url_get(source.get(), part, &value.value, 0);
+    const CURLUcode got = curl.urlGet(source.get(), part, &value.value, 0);
     if (got == CURLUE_OK) {
-      if (curl_url_set(target.get(), part, value.value, 0) != CURLUE_OK) return std::nullopt;
+      if (curl.urlSet(target.get(), part, value.value, 0) != CURLUE_OK) return std::nullopt;
     } else if (part == CURLUPART_PORT) {
-      curl_url_set(target.get(), CURLUPART_PORT, nullptr, 0);  // the scheme's default port
+      curl.urlSet(target.get(), CURLUPART_PORT, nullptr, 0);  // the scheme's default port
     } else {
       return std::nullopt;
     }
