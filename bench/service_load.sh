@@ -69,18 +69,23 @@ end
 LUA
 
 rss() { awk '/^VmRSS:/ {print $2}' "/proc/$service_pid/status"; }
+# User plus system CPU ticks of the service so far (fields 14 and 15 of stat;
+# the command name in field 2 holds no spaces here).
+cpu_ticks() { awk '{print $14 + $15}' "/proc/$service_pid/stat"; }
 : >"$work/rss"
 ( while kill -0 "$service_pid" 2>/dev/null; do rss >>"$work/rss"; sleep 1; done ) &
 sampler=$!
 
+cpu_before=$(cpu_ticks)
 wrk -c 8 -t 2 -d "${seconds}s" --latency -s "$work/pages.lua" "$base" | tee "$work/wrk"
+cpu_after=$(cpu_ticks)
 kill "$sampler" 2>/dev/null || true
 wait "$sampler" 2>/dev/null || true
 
 # The still-valid result proves the service kept serving the same entry.
 final=$(curl -sS -o /dev/null -w '%{http_code}' -H "$auth" "$base/v1/queries/$id?version=$version&offset=0&limit=1")
 
-python3 - "$work/wrk" "$work/rss" "$final" <<'PY'
+python3 - "$work/wrk" "$work/rss" "$final" "$((cpu_after - cpu_before))" "$(getconf CLK_TCK)" <<'PY'
 import re, sys
 text = open(sys.argv[1]).read()
 samples = [int(x) for x in open(sys.argv[2]).read().split()]
@@ -101,6 +106,11 @@ growth = last - first
 print(f"service_load: {requests.group(1) if requests else '?'} page reads, "
       f"{rate.group(1) if rate else '?'} pages/s; resident memory {first // 1024} MiB -> {last // 1024} MiB "
       f"(peak {peak // 1024} MiB, {len(samples)} samples)")
+# CPU per page tells more than the rate on a busy machine: wrk and other
+# processes share the cores, but not the service's own CPU time.
+if requests and int(requests.group(1)) > 0:
+    cpu_seconds = int(sys.argv[4]) / int(sys.argv[5])
+    print(f"service_load: service CPU {cpu_seconds:.2f} s, {cpu_seconds * 1e6 / int(requests.group(1)):.1f} us per page")
 if growth > max(first // 10, 8 * 1024):
     failures.append(f"resident memory grew by {growth // 1024} MiB")
 if failures:

@@ -20,6 +20,12 @@ namespace {
 constexpr std::string_view kQueriesPrefix = "/v1/queries/";
 constexpr std::size_t kMaxQueryBody = 16384;
 
+// Copies an answer made the plain way into the connection's body buffer.
+int put(ByteBuffer& body, const HttpResponse& answer) {
+  body.append(answer.body);
+  return answer.status;
+}
+
 double roundToHundredths(double ms) { return std::round(ms * 100.0) / 100.0; }
 
 }  // namespace
@@ -27,45 +33,55 @@ double roundToHundredths(double ms) { return std::round(ms * 100.0) / 100.0; }
 bool HTTPServer::authorized(const HttpRequest& request) const {
   const std::string* given = request.header("authorization");
   if (given == nullptr) return false;
-  const std::string expected = "Bearer " + token_;
   // The length is no secret; the bytes are compared in constant time so the
   // answer time does not tell how much of a guess was right.
-  if (given->size() != expected.size()) return false;
-  return CRYPTO_memcmp(given->data(), expected.data(), expected.size()) == 0;
+  if (given->size() != bearer_.size()) return false;
+  return CRYPTO_memcmp(given->data(), bearer_.data(), bearer_.size()) == 0;
 }
 
 HttpResponse HTTPServer::respond(const HttpRequest& request) {
-  HttpResponse answer;
-  if (!authorized(request)) {
-    answer = HttpResponse::error(401, "unauthorized", "Invalid session token");
-  } else if (request.header("origin") != nullptr) {
-    answer = HttpResponse::error(403, "origin", "Browser requests are not supported");
-  } else {
-    try {
-      answer = route(request);
-    } catch (const KernelError& error) {
-      answer = HttpResponse::error(400, "invalid_request", error.message());
-    } catch (const std::exception&) {
-      answer = HttpResponse::error(500, "internal", "Search service failed");
-    }
-  }
-  LoadTrace::event("http", "request",
-                   "method=" + request.method + " path=" + request.path + " status=" + std::to_string(answer.status));
-  return answer;
+  ByteBuffer body;
+  const int status = respond(request, body);
+  return {status, std::string(body.view())};
 }
 
-HttpResponse HTTPServer::route(const HttpRequest& request) {
+int HTTPServer::respond(const HttpRequest& request, ByteBuffer& body) {
+  body.clear();
+  int status = 0;
+  if (!authorized(request)) {
+    status = put(body, HttpResponse::error(401, "unauthorized", "Invalid session token"));
+  } else if (request.header("origin") != nullptr) {
+    status = put(body, HttpResponse::error(403, "origin", "Browser requests are not supported"));
+  } else {
+    try {
+      status = route(request, body);
+    } catch (const KernelError& error) {
+      body.clear();  // a page may have been half written
+      status = put(body, HttpResponse::error(400, "invalid_request", error.message()));
+    } catch (const std::exception&) {
+      body.clear();
+      status = put(body, HttpResponse::error(500, "internal", "Search service failed"));
+    }
+  }
+  // The detail is built only when someone reads it: paging is hot.
+  if (LoadTrace::enabled())
+    LoadTrace::event("http", "request",
+                     "method=" + request.method + " path=" + request.path + " status=" + std::to_string(status));
+  return status;
+}
+
+int HTTPServer::route(const HttpRequest& request, ByteBuffer& body) {
   const std::string& path = request.path;
   if (path == "/v1/status") {
-    if (request.method == "GET") return status();
+    if (request.method == "GET") return put(body, status());
   } else if (path == "/v1/queries") {
-    if (request.method == "POST") return createQuery(request);
+    if (request.method == "POST") return put(body, createQuery(request));
   } else if (path.size() > kQueriesPrefix.size() && path.compare(0, kQueriesPrefix.size(), kQueriesPrefix) == 0) {
-    const std::string id = path.substr(kQueriesPrefix.size());
-    if (request.method == "GET") return readPage(request, id);
-    if (request.method == "DELETE") return deleteQuery(id);
+    const std::string_view id = std::string_view(path).substr(kQueriesPrefix.size());
+    if (request.method == "GET") return readPage(request, id, body);
+    if (request.method == "DELETE") return put(body, deleteQuery(std::string(id)));
   }
-  return HttpResponse::error(404, "not_found", "Unknown route or method");
+  return put(body, HttpResponse::error(404, "not_found", "Unknown route or method"));
 }
 
 HttpResponse HTTPServer::status() {
@@ -108,20 +124,21 @@ HttpResponse HTTPServer::createQuery(const HttpRequest& request) {
                                              {"searchMs", entry.searchMs}});
 }
 
-HttpResponse HTTPServer::readPage(const HttpRequest& request, const std::string& id) {
+int HTTPServer::readPage(const HttpRequest& request, std::string_view id, ByteBuffer& body) {
   auto fields = form::parse(request.query.value_or(std::string()), {"version", "offset", "limit"});
   const std::int64_t offset = form::integer(fields["offset"]);
   const std::int64_t limit = form::integer(fields["limit"]);
   if (offset < 0 || limit < 1 || limit > kMaxPageRows) throw KernelError::invalid("offset >= 0 and limit 1..512 required");
-  if (fields["version"] != version_) return HttpResponse::error(409, "version_changed", "Index version changed");
+  if (fields["version"] != version_) return put(body, HttpResponse::error(409, "version_changed", "Index version changed"));
 
-  const std::optional<ResultStore::Entry> entry = results_.get(id);
-  if (!entry) return HttpResponse::error(410, "expired", "Query expired or was evicted; search again");
+  const std::optional<ResultStore::Entry> entry = results_.get(std::string(id));
+  if (!entry) return put(body, HttpResponse::error(410, "expired", "Query expired or was evicted; search again"));
 
   const std::int64_t total = static_cast<std::int64_t>(entry->rows.size());
   const std::int64_t first = std::min(offset, total);
   const std::int64_t end = std::min(total, first + limit);
-  return {200, page::body(*search_, entry->rows, offset, static_cast<std::size_t>(first), static_cast<std::size_t>(end))};
+  pages_.write(body, entry->rows, offset, static_cast<std::size_t>(first), static_cast<std::size_t>(end));
+  return 200;
 }
 
 HttpResponse HTTPServer::deleteQuery(const std::string& id) {

@@ -6,6 +6,7 @@
 #include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/socket.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -41,22 +42,50 @@ void checkToken(const std::string& token) {
     throw KernelError::invalid("TARV_TOKEN must contain at least 24 characters");
 }
 
+// The authorization header a request must carry; checks the token first, so
+// a short token is the first error a server reports.
+std::string bearerOf(const std::string& token) {
+  checkToken(token);
+  return "Bearer " + token;
+}
+
 void closeQuietly(int& fd) {
   if (fd >= 0) ::close(fd);
   fd = -1;
 }
 
-// Sends everything or gives up (peer gone, or the send time-out passed).
-bool sendAll(int fd, std::string_view bytes) {
-  while (!bytes.empty()) {
-    const ssize_t sent = ::send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL);
+// Sends head and body (one system call when the socket takes it all) or
+// gives up (peer gone, or the send time-out passed).
+bool sendAll(int fd, std::string_view head, std::string_view body) {
+  iovec parts[2] = {{const_cast<char*>(head.data()), head.size()}, {const_cast<char*>(body.data()), body.size()}};
+  iovec* next = parts;
+  std::size_t count = body.empty() ? 1 : 2;
+  while (count > 0) {
+    msghdr message{};
+    message.msg_iov = next;
+    message.msg_iovlen = count;
+    const ssize_t sent = ::sendmsg(fd, &message, MSG_NOSIGNAL);
     if (sent < 0) {
       if (errno == EINTR) continue;
       return false;
     }
-    bytes.remove_prefix(static_cast<std::size_t>(sent));
+    auto left = static_cast<std::size_t>(sent);
+    while (count > 0 && left >= next->iov_len) {
+      left -= next->iov_len;
+      ++next;
+      --count;
+    }
+    if (count > 0) {
+      next->iov_base = static_cast<char*>(next->iov_base) + left;
+      next->iov_len -= left;
+    }
   }
   return true;
+}
+
+bool sendAnswer(int fd, int status, std::string_view body) {
+  char head[HttpResponse::kMaxHeadBytes];
+  return sendAll(fd, std::string_view(head, HttpResponse::writeHead(head, status, body.size())), body);
 }
 
 // After an answer that ends the connection while the client may still be
@@ -89,16 +118,15 @@ std::string HTTPServer::environmentToken() {
 
 HTTPServer::HTTPServer(std::string token, JoinedSearchPtr search, json::Value sources, double loadMs, Options options)
     : token_(std::move(token)),
+      bearer_(bearerOf(token_)),
       search_(std::move(search)),
+      pages_(search_),
       version_(search_ ? search_->joinKey() : std::string()),
       sources_(std::move(sources)),
       loadMs_(loadMs),
       results_(options.storeLimits, options.clock),
       options_(std::move(options)),
       connections_(std::make_shared<Connections>()) {
-  checkToken(token_);
-  if (!search_) throw KernelError::invalid("Search service needs a loaded index");
-
   listener_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
   if (listener_ < 0) throw KernelError::io("socket failed");
   sockaddr_in address{};
@@ -205,6 +233,10 @@ void HTTPServer::serve(int fd) {
 
     HttpRequestParser parser(options_.requestLimits);
     std::string received;
+    // One body buffer for every answer on this connection; a page of the
+    // largest size fits after the first few requests, so later answers
+    // allocate nothing for their text.
+    ByteBuffer body(64 << 10);
     char chunk[16384];
     // The whole next request must arrive before this moment, however it trickles in.
     auto deadline = std::chrono::steady_clock::now() + options_.receiveTimeout;
@@ -232,12 +264,12 @@ void HTTPServer::serve(int fd) {
       if (parsed.status != HttpRequestParser::Status::complete) {
         const HttpResponse answer = HttpResponse::error(400, "invalid_request", parsed.error);
         LoadTrace::event("http", "request", "method=- path=- status=400");
-        if (sendAll(fd, answer.bytes())) lingeringClose(fd);
+        if (sendAnswer(fd, answer.status, answer.body)) lingeringClose(fd);
         break;
       }
 
-      const HttpResponse answer = respond(parsed.request);
-      if (!sendAll(fd, answer.bytes())) break;
+      const int status = respond(parsed.request, body);
+      if (!sendAnswer(fd, status, body.view())) break;
       if (!parsed.request.keepAlive) {
         if (parsed.request.bodyTooLarge) lingeringClose(fd);
         break;

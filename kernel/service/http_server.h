@@ -31,9 +31,11 @@
 
 #include "kernel/base/json.h"
 #include "kernel/query/joined_search.h"
+#include "kernel/service/byte_buffer.h"
 #include "kernel/service/http_request.h"
 #include "kernel/service/http_request_parser.h"
 #include "kernel/service/http_response.h"
+#include "kernel/service/page_writer.h"
 #include "kernel/service/result_store.h"
 
 namespace tarv {
@@ -79,16 +81,20 @@ class HTTPServer {
 
   // The answer to one request, after the checks in order: token, origin, route.
   HttpResponse respond(const HttpRequest& request);
+  // The same answer with its body written into `body` (cleared first), so a
+  // connection reuses one buffer for all its answers; returns the status.
+  int respond(const HttpRequest& request, ByteBuffer& body);
 
   ResultStore& results() noexcept { return results_; }
 
  private:
   struct Connections;
 
-  HttpResponse route(const HttpRequest& request);
+  // Each returns the status and writes the body into `body`.
+  int route(const HttpRequest& request, ByteBuffer& body);
   HttpResponse status();
   HttpResponse createQuery(const HttpRequest& request);
-  HttpResponse readPage(const HttpRequest& request, const std::string& id);
+  int readPage(const HttpRequest& request, std::string_view id, ByteBuffer& body);
   HttpResponse deleteQuery(const std::string& id);
   bool authorized(const HttpRequest& request) const;
 
@@ -96,7 +102,9 @@ class HTTPServer {
   void serve(int fd);
 
   std::string token_;
+  std::string bearer_;  // "Bearer " + token, as the header must give it
   JoinedSearchPtr search_;
+  PageWriter pages_;
   std::string version_;
   json::Value sources_;
   double loadMs_ = 0;
