@@ -438,21 +438,25 @@ class Compiler {
     const std::int32_t parents = catalog.parentCount();
     p.parentState.assign(static_cast<std::size_t>(std::max(parents, 0)), 0);
     const Compatibility& table = index_.compatibility();
+    const std::optional<name_literal::UnitSet> first = units().of(p.text[0], p.sensitive);
+    const std::uint16_t* fold = table.searchTable().data();
     Parallel::chunks(parents, 1, 1 << 12, [&](std::int64_t begin, std::int64_t end) {
       for (auto i = begin; i < end; ++i) {
-        const TextView units = catalog.parentUnits(static_cast<std::uint32_t>(i));
+        TextView units = catalog.parentUnits(static_cast<std::uint32_t>(i));
+        // The displayed path ends at a NUL, without the name.
+        const std::size_t nul = name_literal::findZero(units.data(), units.size());
+        const bool cut = nul < units.size();
+        units = units.substr(0, nul);
+        const bool found = first ? name_literal::contains(units, p.text, *first, fold)
+                                 : name_literal::contains(units, p.text, p.sensitive, fold);
         std::int32_t state = 0;
-        bool cut = false;
-        for (const Unit unit : units) {
-          if (unit == 0) {  // the displayed path ends here, without the name
-            cut = true;
-            break;
-          }
-          state = ExecutionPlanner::Filter::advance(p, state, unit, table);
-          if (state == static_cast<std::int32_t>(m)) break;
+        if (!found && !cut) {
+          // The part of the text left pending: the longest end of the parent
+          // that starts the text, which lies within its last m - 1 units.
+          for (const Unit unit : units.substr(units.size() - std::min(units.size(), m - 1)))
+            state = ExecutionPlanner::Filter::advance(p, state, unit, table);
         }
-        p.parentState[static_cast<std::size_t>(i)] =
-            state == static_cast<std::int32_t>(m) ? kFound : cut ? kCut : state;
+        p.parentState[static_cast<std::size_t>(i)] = found ? kFound : cut ? kCut : state;
       }
     });
     step.method = Method::path;
@@ -813,6 +817,20 @@ class Evaluator {
     const PathTerm& term = filter_.paths[step.path];
     auto test = [&](std::int32_t r) { return ExecutionPlanner::Filter::pathMatches(term, index_, r); };
     if (!term.needsSeparator) return perRow(pool, test);
+    // A row whose parent leaves only parts that need a separator from the
+    // name matches only if its name holds one: most rows are decided by
+    // their parent's state and one bit, without reading the name.
+    const std::span<const std::uint64_t> separatorWords = index_.separatorNames();
+    auto separatorTest = [&](std::int32_t r) {
+      const std::int32_t state = term.parentState[catalog_.parentIndex(r)];
+      if (state == kFound) return true;
+      if (state == kCut) return false;
+      const bool bound = state == 0 || term.separatorBound[static_cast<std::size_t>(state)];
+      // Words missing from a damaged file say nothing: the row is read.
+      const auto w = static_cast<std::size_t>(r >> 6);
+      if (bound && w < separatorWords.size() && (separatorWords[w] >> (r & 63) & 1) == 0) return false;
+      return ExecutionPlanner::Filter::pathMatches(term, index_, r);
+    };
     // Only rows whose parent holds the text, rows whose parent leaves a part
     // that a name without separators can finish, and rows whose name holds
     // a separator can match.
@@ -823,7 +841,7 @@ class Evaluator {
     const auto& counts = index_.parentRowCounts();
     for (std::size_t p = 0; p < term.parentState.size(); ++p)
       if (open(term.parentState[p])) pending += p < counts.size() ? counts[p] : n_;
-    if (pending > n_ / 4 || (pool && pool->count() < pending)) return perRow(pool, test);
+    if (pending > n_ / 4 || (pool && pool->count() < pending)) return perRow(pool, separatorTest);
     ensureParents();
     Bitset out(n_);
     for (std::size_t p = 0; p < term.parentState.size(); ++p) {

@@ -79,6 +79,9 @@ class UnitIndex {
 // or `to`. Reads nothing outside [from, to).
 std::size_t findAny(const char16_t* units, std::size_t from, std::size_t to, const UnitSet& set) noexcept;
 
+// Position of the first NUL unit among units[0 ..< size], or size.
+std::size_t findZero(const char16_t* units, std::size_t size) noexcept;
+
 // contains() with the first unit of `text` looked for through `first` (its
 // UnitSet), eight units at a time.
 inline bool contains(TextView name, TextView text, const UnitSet& first, const std::uint16_t* fold) noexcept {
@@ -102,8 +105,9 @@ inline bool contains(TextView name, TextView text, const UnitSet& first, const s
 // Sets in `words` (bit r for row r, words owned by the caller for rows
 // begin ..< end, begin a multiple of 64) every row of `catalog` in that
 // range whose name holds a unit of `set` and whose bit is set in `pool`
-// (absent: every row). Returns the number of rows set.
+// (absent: every row). Returns the number of rows set. Throws only
+// std::bad_alloc (the per-batch unit masks).
 std::int64_t scanUnits(const Catalog& catalog, const UnitSet& set, std::int64_t begin, std::int64_t end,
-                       const std::uint64_t* pool, std::uint64_t* words) noexcept;
+                       const std::uint64_t* pool, std::uint64_t* words);
 
 }  // namespace tarv::name_literal

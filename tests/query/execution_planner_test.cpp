@@ -338,6 +338,62 @@ TEST(NameLiteral, ScanUnitsStaysInsideDamagedOffsets) {
   EXPECT_EQ(Bitset::count(words), found);
 }
 
+TEST(NameLiteral, ScanUnitsAgreesWithTheFoldOnMixedNamesAndRanges) {
+  // Names of 0 to 150 units over the 64-unit blocks and the row batches:
+  // ASCII runs, accented letters, the Kelvin sign and wider units among
+  // them, so both the byte compares and the unit-by-unit blocks are used.
+  std::mt19937 random(20261122);
+  const std::u16string alphabet = u"abcdeEKkz019_.-\u00e9\u00c9\u212A\u0436\u0416\u4e2d";
+  std::vector<Entry> entries;
+  for (int i = 0; i < 9000; ++i) {
+    std::u16string name = utf16(std::to_string(i) + "_");
+    const std::size_t length = random() % 4 == 0 ? random() % 150 : random() % 24;
+    const bool ascii = random() % 3 != 0;
+    for (std::size_t k = 0; k < length; ++k) name += alphabet[random() % (ascii ? 15 : alphabet.size())];
+    entries.push_back({"/d/" + utf8(name)});
+  }
+  const auto index = indexOf(entries);
+  const Catalog& c = index->catalog();
+  struct Case {
+    const char* label;
+    Unit unit;
+    bool sensitive;
+  };
+  const std::vector<Case> cases = {
+      {"letter in both cases and accented", u'e', false}, {"letter with the Kelvin sign", u'k', false},
+      {"digit", u'1', false},         {"sensitive capital", u'E', true},
+      {"sensitive wide unit", u'\u212A', true}, {"wide target, no ASCII form", u'\u0436', false},
+      {"absent everywhere", u'q', false},
+  };
+  for (const Case& t : cases) {
+    const auto set = name_literal::unitsMatching(t.unit, t.sensitive, *realTable());
+    ASSERT_TRUE(set.has_value()) << t.label;
+    for (const auto& [begin, end] : std::vector<std::pair<std::int64_t, std::int64_t>>{
+             {0, c.count()}, {64, 4097}, {4096, 8192}, {128, 129}, {8960, c.count()}}) {
+      std::vector<std::uint64_t> words(Bitset::wordCount(c.count()), 0);
+      std::vector<std::uint64_t> pool(words.size(), 0);
+      for (auto& w : pool) w = (std::uint64_t(random()) << 32) | random();
+      for (const bool pooled : {false, true}) {
+        std::fill(words.begin(), words.end(), 0);
+        const std::int64_t found =
+            name_literal::scanUnits(c, *set, begin, end, pooled ? pool.data() : nullptr, words.data());
+        std::int64_t expected = 0;
+        for (std::int32_t r = 0; r < c.count(); ++r) {
+          bool holds = false;
+          for (const Unit u : c.nameUnits(r)) holds = holds || (u != 0 && set->accepts(u));
+          const bool want = r >= begin && r < end && holds && (!pooled || Bitset::test(pool, r));
+          expected += want ? 1 : 0;
+          if (Bitset::test(words, r) != want) {
+            ADD_FAILURE() << t.label << ": row " << r << " of " << begin << ".." << end << (pooled ? " pooled" : "");
+            break;
+          }
+        }
+        EXPECT_EQ(found, expected) << t.label << " " << begin << ".." << end;
+      }
+    }
+  }
+}
+
 TEST(QueryOptimizer, MergedNumericFilterAgreesWithItsTerms) {
   std::vector<Entry> entries = {{"/d", true, kUnknown64}, {"/d/a", false, 0}, {"/d/b", false, 1024},
                                 {"/d/c", false, kUnknown64}, {"/e", true, 5000}, {"/d/f", false, 5000}};
