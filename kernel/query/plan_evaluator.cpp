@@ -1,0 +1,384 @@
+#include "kernel/query/plan_evaluator.h"
+
+#include <algorithm>
+#include <atomic>
+#include <bit>
+#include <span>
+#include <utility>
+#include <vector>
+
+#include "kernel/query/name_literal.h"
+#include "kernel/query/parallel.h"
+#include "kernel/query/query_optimizer.h"
+
+namespace tarv::planning {
+namespace {
+
+using Term = Query::Term;
+using Step = ExecutionPlanner::Filter::Step;
+using PathTerm = ExecutionPlanner::Filter::PathTerm;
+
+// Runs the steps of one plan as bitsets over the source's rows. A pool
+// (absent: every row) limits every step to its members.
+class Evaluator {
+ public:
+  Evaluator(const SearchIndex& index, const ExecutionPlanner::Filter& filter, ExecutionPlanner::Groups& groups,
+            std::int64_t minimum)
+      : index_(index),
+        catalog_(index.catalog()),
+        table_(index.compatibility()),
+        filter_(filter),
+        groups_(groups),
+        n_(catalog_.count()),
+        minimum_(minimum),
+        fold_(table_.searchTable().data()) {}
+
+  Bitset run(std::uint32_t at, const Bitset* pool) {
+    const Step& step = filter_.steps[at];
+    switch (step.method) {
+      case Method::all: return pool ? *pool : everyRow();
+      case Method::none: return Bitset(n_);
+      case Method::rows:
+        return perRow(pool, [&](std::int32_t r) { return Query::matches(*step.term, catalog_, r, table_); });
+      case Method::literal: return literal(step, pool);
+      case Method::literalOr: return literalOr(step, pool);
+      case Method::units: return units(step, pool);
+      case Method::prefix:
+      case Method::suffix: return candidates(step, pool);
+      case Method::pattern: {
+        const std::uint64_t* masks = index_.nameGramMasks().data();
+        return perRow(pool, [&](std::int32_t r) {
+          return (masks[r] & step.mask) == step.mask && Query::wildcard(*step.term, catalog_.nameUnits(r), table_);
+        });
+      }
+      case Method::extension: return extension(step, pool);
+      case Method::parent: return parent(step, pool);
+      case Method::path: return path(step, pool);
+      case Method::volume: {
+        const auto& hits = *step.term->deviceHits;
+        return perRow(pool, [&](std::int32_t r) {
+          const std::uint16_t id = catalog_.deviceId(r);
+          return id < hits.size() && hits[id];
+        });
+      }
+      case Method::numeric: return numeric(step.numeric, pool);
+      case Method::allOf: {
+        Bitset acc = run(step.children.front(), pool);
+        for (std::size_t i = 1; i < step.children.size() && !acc.none(); ++i) acc = run(step.children[i], &acc);
+        return acc;
+      }
+      case Method::anyOf: {
+        Bitset acc = run(step.children.front(), pool);
+        for (std::size_t i = 1; i < step.children.size(); ++i) acc.unite(run(step.children[i], pool));
+        return acc;
+      }
+      case Method::negate: {
+        Bitset out = pool ? *pool : everyRow();
+        out.subtract(run(step.children.front(), pool));
+        return out;
+      }
+    }
+    return Bitset(n_);
+  }
+
+ private:
+  Bitset everyRow() const {
+    Bitset all(n_);
+    all.setRange(0, n_);
+    return all;
+  }
+
+  // The pool's word w, or every row of word w.
+  std::uint64_t poolWord(const Bitset* pool, std::int64_t w) const noexcept {
+    if (pool) return pool->words()[static_cast<std::size_t>(w)];
+    const std::int64_t left = n_ - (w << 6);
+    return left >= 64 ? ~std::uint64_t(0) : (std::uint64_t(1) << left) - 1;
+  }
+
+  static std::int64_t members(const Bitset* pool) { return pool ? pool->count() : -1; }
+
+  // Rows of the pool for which `test` holds, in parallel chunks of whole words.
+  template <class Test>
+  Bitset perRow(const Bitset* pool, Test test) const {
+    Bitset out(n_);
+    std::uint64_t* words = out.words().data();
+    Parallel::chunks(n_, 64, minimum_, [&](std::int64_t begin, std::int64_t end) {
+      for (std::int64_t w = begin >> 6; w << 6 < end; ++w) {
+        std::uint64_t candidates = poolWord(pool, w);
+        std::uint64_t bits = 0;
+        if (candidates == ~std::uint64_t(0)) {
+          // A full word: every row in turn, without branching on the pool.
+          const auto first = static_cast<std::int32_t>(w << 6);
+          for (int b = 0; b < 64; ++b) bits |= std::uint64_t(test(first + b) ? 1 : 0) << b;
+          words[w] = bits;
+          continue;
+        }
+        while (candidates != 0) {
+          const int b = std::countr_zero(candidates);
+          candidates &= candidates - 1;
+          if (test(static_cast<std::int32_t>((w << 6) + b))) bits |= std::uint64_t(1) << b;
+        }
+        words[w] = bits;
+      }
+    });
+    return out;
+  }
+
+  // Rows whose name-bigram mask holds `mask`, in the pool, then `test`.
+  template <class Test>
+  Bitset maskScan(const Bitset* pool, std::uint64_t mask, Test test) const {
+    const std::uint64_t* masks = index_.nameGramMasks().data();
+    Bitset out(n_);
+    std::uint64_t* words = out.words().data();
+    Parallel::chunks(n_, 64, minimum_, [&](std::int64_t begin, std::int64_t end) {
+      for (std::int64_t w = begin >> 6; w << 6 < end; ++w) {
+        const std::int64_t first = w << 6;
+        std::uint64_t candidates = poolWord(pool, w);
+        if (candidates == 0) {
+          words[w] = 0;
+          continue;
+        }
+        // Branch-free over the word's masks, then the few survivors.
+        std::uint64_t held = 0;
+        const std::int64_t count = std::min<std::int64_t>(64, n_ - first);
+        for (std::int64_t i = 0; i < count; ++i)
+          held |= std::uint64_t((masks[first + i] & mask) == mask) << i;
+        candidates &= held;
+        std::uint64_t bits = 0;
+        while (candidates != 0) {
+          const int b = std::countr_zero(candidates);
+          candidates &= candidates - 1;
+          if (test(static_cast<std::int32_t>(first + b))) bits |= std::uint64_t(1) << b;
+        }
+        words[w] = bits;
+      }
+    });
+    return out;
+  }
+
+  // The merged numeric filter with its columns resolved once: per row a type
+  // bit and, per field, one load and two comparisons, all inlined.
+  Bitset numeric(const Query::NumericFilter& filter, const Bitset* pool) const {
+    struct Field {
+      const std::uint64_t* values;  // null: the column is absent (all unknown)
+      Query::Bounds bounds;
+    };
+    const Catalog::Parts& parts = catalog_.parts();
+    std::array<Field, 4> fields{};
+    std::size_t count = 0;
+    auto add = [&](int bit, const std::uint64_t* values, const Query::Bounds& bounds) {
+      if (filter.fields & bit) fields[count++] = {values, bounds};
+    };
+    add(1, parts.sizes.data(), filter.size);
+    add(2, parts.modifiedTimes.data(), filter.modified);
+    add(4, parts.createdTimes ? parts.createdTimes->data() : nullptr, filter.created);
+    add(8, parts.allocations ? parts.allocations->data() : nullptr, filter.allocated);
+    const std::uint32_t* tags = parts.parentTags.data();
+    const int types = filter.types;
+    return perRow(pool, [&](std::int32_t r) {
+      const int type = (tags[r] & kFolderBit) != 0 ? 2 : 1;
+      if ((types & type) == 0) return false;
+      for (std::size_t i = 0; i < count; ++i) {
+        const Field& f = fields[i];
+        const std::uint64_t v = f.values != nullptr ? f.values[r] : kUnknown64;
+        if (f.bounds.unknown && v != kUnknown64) return false;
+        if (f.bounds.known && (v == kUnknown64 || v < f.bounds.low || v > f.bounds.high)) return false;
+      }
+      return true;
+    });
+  }
+
+  Bitset literal(const Step& step, const Bitset* pool) const {
+    const Term& term = *step.term;
+    const TextView text = term.text;
+    if (term.whole)
+      return maskScan(pool, step.mask, [&](std::int32_t r) { return Query::textMatches(term, catalog_.nameUnits(r), table_); });
+    if (!step.firsts.empty() && step.firsts.front()) {
+      const name_literal::UnitSet& first = *step.firsts.front();
+      return maskScan(pool, step.mask,
+                      [&](std::int32_t r) { return name_literal::contains(catalog_.nameUnits(r), text, first, fold_); });
+    }
+    const bool sensitive = term.sensitive;
+    return maskScan(pool, step.mask, [&](std::int32_t r) {
+      return name_literal::contains(catalog_.nameUnits(r), text, sensitive, fold_);
+    });
+  }
+
+  Bitset literalOr(const Step& step, const Bitset* pool) const {
+    const MultiLiteralOr& alternatives = *step.term->literalOr;
+    const std::uint64_t* masks = index_.nameGramMasks().data();
+    return maskScan(pool, alternatives.commonMask, [&](std::int32_t r) {
+      const std::uint64_t m = masks[r];
+      const TextView name = catalog_.nameUnits(r);
+      for (std::size_t i = 0; i < alternatives.literals.size(); ++i) {
+        const MultiLiteralOr::Literal& literal = alternatives.literals[i];
+        if ((m & literal.mask) != literal.mask) continue;
+        const auto& first = step.firsts[i];
+        if (first ? name_literal::contains(name, literal.text, *first, fold_)
+                  : name_literal::contains(name, literal.text, literal.sensitive, fold_))
+          return true;
+      }
+      return false;
+    });
+  }
+
+  Bitset units(const Step& step, const Bitset* pool) const {
+    // A sparse pool is cheaper to test row by row than to scan all names.
+    if (pool && pool->count() * 8 < n_) {
+      const Term& term = *step.term;
+      return perRow(pool, [&](std::int32_t r) {
+        return name_literal::contains(catalog_.nameUnits(r), term.text, term.sensitive, fold_);
+      });
+    }
+    Bitset out(n_);
+    std::uint64_t* words = out.words().data();
+    const std::uint64_t* poolWords = pool ? pool->words().data() : nullptr;
+    Parallel::chunks(n_, 64, minimum_, [&](std::int64_t begin, std::int64_t end) {
+      name_literal::scanUnits(catalog_, step.units, begin, end, poolWords, words);
+    });
+    return out;
+  }
+
+  // Sets the rows of `rows` that are in the pool and pass `test`; chunks
+  // share words, so bits are set atomically.
+  template <class Test>
+  void setCandidates(std::span<const std::int32_t> rows, const Bitset* pool, Bitset& out, Test test) const {
+    std::uint64_t* words = out.words().data();
+    const std::uint64_t* poolWords = pool ? pool->words().data() : nullptr;
+    Parallel::chunks(static_cast<std::int64_t>(rows.size()), 1, minimum_, [&](std::int64_t begin, std::int64_t end) {
+      for (auto i = begin; i < end; ++i) {
+        const std::int32_t r = rows[static_cast<std::size_t>(i)];
+        // Lists mapped from an index file are not checked at load: an entry
+        // past the rows (a damaged file) is skipped, not looked up.
+        if (static_cast<std::uint64_t>(r) >= static_cast<std::uint64_t>(n_)) continue;
+        const std::uint64_t bit = std::uint64_t(1) << (r & 63);
+        if (poolWords && (poolWords[r >> 6] & bit) == 0) continue;
+        if (!test(r)) continue;
+        std::atomic_ref<std::uint64_t>(words[r >> 6]).fetch_or(bit, std::memory_order_relaxed);
+      }
+    });
+  }
+
+  // Candidates from the name order or the reversed-name order, then the
+  // term's own rule on each; names holding NUL units are tested on their own.
+  Bitset candidates(const Step& step, const Bitset* pool) const {
+    const Term& term = *step.term;
+    auto test = [&](std::int32_t r) { return Query::textMatches(term, catalog_.nameUnits(r), table_); };
+    if (pool && pool->count() < step.estimate) return perRow(pool, test);
+    const NameCandidates& names = *index_.names();
+    const Column<std::int32_t>& order = step.method == Method::prefix ? names.nameOrder() : names.reverseOrder();
+    Bitset out(n_);
+    for (const NameCandidates::Range& range : step.ranges) {
+      if (range.size() <= 0) continue;
+      const std::span<const std::int32_t> rows(order.data() + range.begin, static_cast<std::size_t>(range.size()));
+      if (step.exact) setCandidates(rows, pool, out, [](std::int32_t) { return true; });
+      else setCandidates(rows, pool, out, test);
+    }
+    setCandidates(names.nulNames().span(), pool, out, test);
+    return out;
+  }
+
+  Bitset extension(const Step& step, const Bitset* pool) const {
+    const Term& term = *step.term;
+    if (pool && pool->count() < step.estimate)
+      return perRow(pool, [&](std::int32_t r) { return Query::matches(term, catalog_, r, table_); });
+    std::call_once(groups_.extensionOnce, [&] {
+      const std::uint16_t* ids = index_.extensionIds().data();
+      groups_.byExtension = RowGroups::build(static_cast<std::int32_t>(n_), 65536, [&](std::int32_t r) { return ids[r]; });
+    });
+    Bitset out(n_);
+    const auto& hits = *term.extensionHits;
+    auto file = [&](std::int32_t r) { return !catalog_.isDirectory(r); };
+    for (std::size_t id = 0; id < hits.size() && id < SearchIndex::kExtensionOverflow; ++id)
+      if (hits[id]) setCandidates(groups_.byExtension.of(id), pool, out, file);
+    if (index_.hasOverflowExtensions())
+      setCandidates(groups_.byExtension.of(SearchIndex::kExtensionOverflow), pool, out,
+                    [&](std::int32_t r) { return Query::matches(term, catalog_, r, table_); });
+    return out;
+  }
+
+  void ensureParents() const {
+    std::call_once(groups_.parentOnce, [&] {
+      groups_.byParent = RowGroups::build(static_cast<std::int32_t>(n_),
+                                          static_cast<std::size_t>(std::max(catalog_.parentCount(), 0)),
+                                          [&](std::int32_t r) { return catalog_.parentIndex(r); });
+    });
+  }
+
+  Bitset parent(const Step& step, const Bitset* pool) const {
+    const auto& hits = *step.term->parentHits;
+    if (pool && pool->count() < step.estimate)
+      return perRow(pool, [&](std::int32_t r) { return static_cast<bool>(hits[catalog_.parentIndex(r)]); });
+    ensureParents();
+    Bitset out(n_);
+    for (std::size_t p = 0; p < hits.size(); ++p)
+      if (hits[p]) setCandidates(groups_.byParent.of(p), pool, out, [](std::int32_t) { return true; });
+    return out;
+  }
+
+  Bitset path(const Step& step, const Bitset* pool) const {
+    const PathTerm& term = filter_.paths[step.path];
+    auto test = [&](std::int32_t r) { return ExecutionPlanner::Filter::pathMatches(term, index_, r); };
+    if (!term.needsSeparator) return perRow(pool, test);
+    // A row whose parent leaves only parts that need a separator from the
+    // name matches only if its name holds one: most rows are decided by
+    // their parent's state and one bit, without reading the name.
+    const std::span<const std::uint64_t> separatorWords = index_.separatorNames();
+    auto separatorTest = [&](std::int32_t r) {
+      const std::int32_t state = term.parentState[catalog_.parentIndex(r)];
+      if (state == kFound) return true;
+      if (state == kCut) return false;
+      const bool bound = state == 0 || term.separatorBound[static_cast<std::size_t>(state)];
+      // Words missing from a damaged file say nothing: the row is read.
+      const auto w = static_cast<std::size_t>(r >> 6);
+      if (bound && w < separatorWords.size() && (separatorWords[w] >> (r & 63) & 1) == 0) return false;
+      return ExecutionPlanner::Filter::pathMatches(term, index_, r);
+    };
+    // Only rows whose parent holds the text, rows whose parent leaves a part
+    // that a name without separators can finish, and rows whose name holds
+    // a separator can match.
+    auto open = [&](std::int32_t state) {
+      return state == kFound || (state > 0 && !term.separatorBound[static_cast<std::size_t>(state)]);
+    };
+    std::int64_t pending = 0;
+    const auto& counts = index_.parentRowCounts();
+    for (std::size_t p = 0; p < term.parentState.size(); ++p)
+      if (open(term.parentState[p])) pending += p < counts.size() ? counts[p] : n_;
+    if (pending > n_ / 4 || (pool && pool->count() < pending)) return perRow(pool, separatorTest);
+    ensureParents();
+    Bitset out(n_);
+    for (std::size_t p = 0; p < term.parentState.size(); ++p) {
+      const std::int32_t state = term.parentState[p];
+      if (!open(state)) continue;
+      if (state == kFound) setCandidates(groups_.byParent.of(p), pool, out, [](std::int32_t) { return true; });
+      else setCandidates(groups_.byParent.of(p), pool, out, test);
+    }
+    // Rows with a separator in the name, whatever their parent.
+    const std::span<const std::uint64_t> separators = index_.separatorNames();
+    Bitset named(std::vector<std::uint64_t>(separators.begin(), separators.end()));
+    named.words().resize(Bitset::wordCount(n_), 0);
+    // Bits past the last row (a damaged file) name no row.
+    if (n_ % 64 != 0 && !named.words().empty()) named.words().back() &= (std::uint64_t(1) << (n_ % 64)) - 1;
+    if (pool) named.intersect(*pool);
+    out.unite(perRow(&named, test));
+    return out;
+  }
+
+  const SearchIndex& index_;
+  const Catalog& catalog_;
+  const Compatibility& table_;
+  const ExecutionPlanner::Filter& filter_;
+  ExecutionPlanner::Groups& groups_;
+  std::int64_t n_;
+  std::int64_t minimum_;
+  const std::uint16_t* fold_;
+};
+
+}  // namespace
+
+Bitset evaluate(const SearchIndex& index, const ExecutionPlanner::Filter& filter, ExecutionPlanner::Groups& groups,
+                std::int64_t minimum) {
+  return Evaluator(index, filter, groups, minimum).run(0, nullptr);
+}
+
+}  // namespace tarv::planning
