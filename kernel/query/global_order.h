@@ -80,6 +80,9 @@ class GlobalOrder {
 
   // The global rank of every parent text of source s (by parent index).
   std::span<const std::int32_t> parentRanks(std::size_t source) const noexcept { return parentRanks_[source].span(); }
+  // The same ranks as a column sharing their owner (a single source's are
+  // its index's own), for handing on without a copy.
+  const Column<std::int32_t>& parentRankColumn(std::size_t source) const noexcept { return parentRanks_[source]; }
   // The global rank of every device label of source s (by device id; 0 when
   // the device has no label).
   std::span<const std::int32_t> labelRanks(std::size_t source) const noexcept { return labelRanks_[source]; }

@@ -134,10 +134,9 @@ JoinedSearch::JoinedSearch(std::vector<Source> sources, std::vector<SearchIndexP
     derived = true;
     order_.rankParents();
     JoinedOrdersStore::Joined made{mergeOrders(), {}};
-    for (std::size_t s = 0; s < indexes_.size(); ++s) {
-      const auto ranks = order_.parentRanks(s);
-      made.parentRanks.push_back(Column<std::int32_t>::owned({ranks.begin(), ranks.end()}));
-    }
+    // Shared, not copied: with one source these are the index's own ranks,
+    // megabytes that nothing stores.
+    for (std::size_t s = 0; s < indexes_.size(); ++s) made.parentRanks.push_back(order_.parentRankColumn(s));
     return made;
   });
   orders_ = std::move(joined.orders);
