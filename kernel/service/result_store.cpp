@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <array>
 #include <chrono>
+#include <iterator>
 #include <random>
 
 #include "kernel/base/kernel_error.h"
@@ -38,14 +39,24 @@ std::string ResultStore::randomId() {
   return id;
 }
 
-void ResultStore::purge(std::int64_t now) {
-  std::erase_if(entries_, [now](const auto& item) { return item.second.expiresAt <= now; });
+void ResultStore::purge(std::int64_t now, Entries& released) {
+  // The common case on the read path: nothing expired, nothing to move.
+  if (std::none_of(entries_.begin(), entries_.end(), [now](const auto& item) { return item.second.expiresAt <= now; }))
+    return;
+  Entries kept;
+  kept.reserve(entries_.size());
+  for (auto& item : entries_) (item.second.expiresAt <= now ? released : kept).push_back(std::move(item));
+  entries_ = std::move(kept);
 }
 
 ResultStore::Entry ResultStore::add(Column<std::int32_t> rows, std::string sort, double searchMs) {
+  // Declared before the guard, so evicted results are freed after the lock
+  // is let go: freeing tens of megabytes of ids takes milliseconds, which
+  // page reads should not wait for.
+  Entries released;
   std::lock_guard<std::mutex> guard(lock_);
   const std::int64_t now = clock_();
-  purge(now);
+  purge(now, released);
 
   const std::int64_t needed = bytesOf(rows.size());
   if (needed > limits_.maxBytes) throw KernelError::invalid("Result exceeds memory limit; narrow the query");
@@ -59,6 +70,7 @@ ResultStore::Entry ResultStore::add(Column<std::int32_t> rows, std::string sort,
     held -= bytesOf(entries_[evicted].second.rows.size());
     ++evicted;
   }
+  std::move(entries_.begin(), entries_.begin() + static_cast<std::ptrdiff_t>(evicted), std::back_inserter(released));
   entries_.erase(entries_.begin(), entries_.begin() + static_cast<std::ptrdiff_t>(evicted));
 
   Entry entry{randomId(), std::move(rows), std::move(sort), searchMs, now + limits_.ttlMillis};
@@ -67,9 +79,10 @@ ResultStore::Entry ResultStore::add(Column<std::int32_t> rows, std::string sort,
 }
 
 std::optional<ResultStore::Entry> ResultStore::get(const std::string& id) {
+  Entries released;  // freed after the lock is let go, as in add()
   std::lock_guard<std::mutex> guard(lock_);
   const std::int64_t now = clock_();
-  purge(now);
+  purge(now, released);
   for (auto& item : entries_) {
     if (item.first != id) continue;
     item.second.expiresAt = now + limits_.ttlMillis;
@@ -79,8 +92,14 @@ std::optional<ResultStore::Entry> ResultStore::get(const std::string& id) {
 }
 
 void ResultStore::remove(const std::string& id) {
+  Entries released;  // freed after the lock is let go, as in add()
   std::lock_guard<std::mutex> guard(lock_);
-  std::erase_if(entries_, [&id](const auto& item) { return item.first == id; });
+  for (auto item = entries_.begin(); item != entries_.end(); ++item) {
+    if (item->first != id) continue;
+    released.push_back(std::move(*item));
+    entries_.erase(item);
+    break;
+  }
 }
 
 std::int64_t ResultStore::bytes() const {

@@ -71,9 +71,11 @@ class ResultStore {
   static std::int64_t bytesOf(std::size_t rows) noexcept { return static_cast<std::int64_t>(rows) * 4; }
 
  private:
-  void purge(std::int64_t now);
+  using Entries = std::vector<std::pair<std::string, Entry>>;
+  // Moves the expired entries to `released`, keeping the others in order.
+  void purge(std::int64_t now, Entries& released);
 
-  std::vector<std::pair<std::string, Entry>> entries_;  // oldest first
+  Entries entries_;  // oldest first
   mutable std::mutex lock_;
   Limits limits_;
   Clock clock_;

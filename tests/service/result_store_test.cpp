@@ -4,6 +4,8 @@
 #include <sys/mman.h>
 
 #include <atomic>
+#include <functional>
+#include <memory>
 #include <regex>
 #include <thread>
 
@@ -156,6 +158,42 @@ TEST(ResultStore, LookupIsExactAndRemoveDeletes) {
   store.remove(id);
   EXPECT_FALSE(store.get(id));
   EXPECT_EQ(store.bytes(), 0);
+}
+
+// Evicted, expired and removed results are freed once the call returns (the
+// store frees them after letting go of its lock), never kept aside.
+TEST(ResultStore, DroppedResultsAreFreedWhenTheCallReturns) {
+  ManualClock clock;
+  ResultStore store(ResultStore::Limits{}, clock.function());
+  auto tracked = [](std::weak_ptr<const void>& watch) {
+    auto owner = std::make_shared<const std::vector<std::int32_t>>(std::vector<std::int32_t>{1, 2, 3});
+    watch = owner;
+    return Column<std::int32_t>(owner->data(), owner->size(), owner);
+  };
+  struct Case {
+    const char* label;
+    std::function<void(ResultStore&, const std::string&)> drop;
+  };
+  const std::vector<Case> cases = {
+      {"evicted by a fifth add",
+       [](ResultStore& s, const std::string&) {
+         for (int i = 0; i < 4; ++i) s.add(rowsOf(1), "name-asc", 1);
+       }},
+      {"expired, purged by get",
+       [&clock](ResultStore& s, const std::string&) {
+         clock.advance(s.limits().ttlMillis);
+         EXPECT_FALSE(s.get("nothing"));
+       }},
+      {"removed", [](ResultStore& s, const std::string& id) { s.remove(id); }},
+  };
+  for (const Case& c : cases) {
+    std::weak_ptr<const void> watch;
+    const std::string id = store.add(tracked(watch), "name-asc", 1).id;
+    ASSERT_FALSE(watch.expired()) << c.label;
+    c.drop(store, id);
+    EXPECT_TRUE(watch.expired()) << c.label;
+    EXPECT_FALSE(store.get(id)) << c.label;
+  }
 }
 
 TEST(ResultStore, ConcurrentUseKeepsTheBounds) {
