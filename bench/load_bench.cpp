@@ -52,6 +52,16 @@ double cpuSeconds() {
   return seconds(usage.ru_utime) + seconds(usage.ru_stime);
 }
 
+// The same for the calling thread alone. Readers parse on worker threads and
+// build the catalog on the calling one, so this is the load's critical path:
+// with enough processors, the wall time approaches it.
+double threadCpuSeconds() {
+  rusage usage{};
+  getrusage(RUSAGE_THREAD, &usage);
+  auto seconds = [](const timeval& t) { return static_cast<double>(t.tv_sec) + static_cast<double>(t.tv_usec) / 1e6; };
+  return seconds(usage.ru_utime) + seconds(usage.ru_stime);
+}
+
 double peakResidentMiB() {
   rusage usage{};
   getrusage(RUSAGE_SELF, &usage);
@@ -96,14 +106,18 @@ int main(int argc, char** argv) {
     double baseline = peakResidentMiB();
     double best = 0;
     double bestCpu = 0;
+    double bestThreadCpu = 0;
     std::int32_t records = 0;
     std::size_t bytes = 0;
     for (int round = 0; round < repeat; ++round) {
       auto start = Clock::now();
       double cpuStart = cpuSeconds();
+      double threadCpuStart = threadCpuSeconds();
       tarv::Catalog catalog = source.load();
       double seconds = std::chrono::duration<double>(Clock::now() - start).count();
       double cpu = cpuSeconds() - cpuStart;
+      double threadCpu = threadCpuSeconds() - threadCpuStart;
+      if (round == 0 || threadCpu < bestThreadCpu) bestThreadCpu = threadCpu;
       if (round == 0 || seconds < best) best = seconds;
       if (round == 0 || cpu < bestCpu) bestCpu = cpu;
       records = catalog.count();
@@ -111,8 +125,9 @@ int main(int argc, char** argv) {
     }
     std::printf(
         "format=%s records=%d seconds=%.3f records_per_s=%.0f cpu_seconds=%.3f records_per_cpu_s=%.0f "
-        "peak_rss_mib=%.1f baseline_rss_mib=%.1f catalog_mib=%.1f\n",
-        source.format.c_str(), records, best, records / best, bestCpu, records / bestCpu, peakResidentMiB(), baseline,
+        "main_thread_cpu_seconds=%.3f peak_rss_mib=%.1f baseline_rss_mib=%.1f catalog_mib=%.1f\n",
+        source.format.c_str(), records, best, records / best, bestCpu, records / bestCpu, bestThreadCpu,
+        peakResidentMiB(), baseline,
         static_cast<double>(bytes) / (1 << 20));
     if (fingerprint) {
       auto start = Clock::now();

@@ -6,6 +6,8 @@
 #include <cstring>
 #include <limits>
 #include <numeric>
+#include <system_error>
+#include <thread>
 
 #include "core/platform/memory_advice.h"
 #include "kernel/base/kernel_error.h"
@@ -27,6 +29,22 @@ constexpr std::uint32_t kNone = std::numeric_limits<std::uint32_t>::max();
 }
 
 bool isAnySeparator(Unit unit) { return unit == u'/' || unit == u'\\'; }
+
+// Whether `text` holds a NUL unit, four units at a time: every native record
+// is checked, so this runs once per row.
+bool hasNul(TextView text) noexcept {
+  constexpr std::uint64_t kLow = 0x0001000100010001ull;
+  constexpr std::uint64_t kHigh = 0x8000800080008000ull;
+  std::size_t i = 0;
+  for (; i + 4 <= text.size(); i += 4) {
+    std::uint64_t word;
+    std::memcpy(&word, text.data() + i, sizeof word);
+    if ((word - kLow) & ~word & kHigh) return true;
+  }
+  for (; i < text.size(); ++i)
+    if (text[i] == 0) return true;
+  return false;
+}
 
 bool sameText(TextView a, TextView b) {
   return a.size() == b.size() && (a.empty() || std::memcmp(a.data(), b.data(), a.size() * sizeof(Unit)) == 0);
@@ -54,13 +72,17 @@ std::uint32_t textHash(TextView text) {
 // The duplicate table's slot hash before masking: the start slot is this
 // value masked by (slot count - 1). The arithmetic is fixed (wrapping 32-bit)
 // so that a catalog's slot layout does not depend on the platform.
-std::uint32_t slotHash(TextView name, std::uint32_t key) {
+std::uint32_t nameHash(TextView name) {
   std::uint32_t h = 0;
   for (Unit u : name) h = h * 31u + u;
-  std::uint32_t x = h ^ (key * 0x9E3779B9u);
+  return h;
+}
+std::uint32_t mixKey(std::uint32_t nameHash, std::uint32_t key) {
+  std::uint32_t x = nameHash ^ (key * 0x9E3779B9u);
   std::uint32_t y = (x ^ (x >> 16)) * 0x7FEB352Du;
   return y ^ (y >> 15);
 }
+std::uint32_t slotHash(TextView name, std::uint32_t key) { return mixKey(nameHash(name), key); }
 
 // A duplicate-table slot: 0 when empty, else (slot hash << 32) | (row + 1).
 // Keeping the hash in the slot lets a probe skip rows whose hash differs
@@ -199,7 +221,11 @@ struct CatalogBuilder::State {
 
   std::uint32_t internParent(TextView text) {
     if (lastParent != kNone && sameText(parentText(lastParent), text)) return lastParent;
-    std::uint32_t hash = textHash(text);
+    return internParent(text, textHash(text));
+  }
+
+  // The same with the text's hash known, and without the look at the last parent.
+  std::uint32_t internParent(TextView text, std::uint32_t hash) {
     std::uint32_t index = findParent(text, hash);
     if (index == kNone) {
       std::size_t parentCount = parentHashes.size();
@@ -277,6 +303,7 @@ struct CatalogBuilder::State {
 
   // ---- finish ----
 
+  std::vector<std::int32_t> folderOwners() const;
   void synthesiseAncestors(CatalogBuilder& owner);
   void deriveFolderSizes();
 };
@@ -295,6 +322,17 @@ CatalogBuilder& CatalogBuilder::operator=(CatalogBuilder&&) noexcept = default;
 
 bool CatalogBuilder::contains(TextView path, bool folder) const { return state_->findRow(path, folder) >= 0; }
 
+PreparedPath CatalogBuilder::prepare(PathFlavor pathFlavor, TextView path, const PreparedPath* previous) noexcept {
+  auto parentLength = static_cast<std::size_t>(path_flavor::lastSeparator(pathFlavor, path) + 1);
+  PreparedPath prepared{path, static_cast<std::uint32_t>(parentLength), nameHash(path.substr(parentLength))};
+  if (previous && sameText(previous->parent(), prepared.parent())) {
+    prepared.sameParent = true;
+  } else {
+    prepared.parentHash = textHash(prepared.parent());
+  }
+  return prepared;
+}
+
 void CatalogBuilder::prefetch(TextView path, bool folder) const noexcept {
   const State& s = *state_;
   TextView parent = s.parentOf(path);
@@ -309,20 +347,52 @@ void CatalogBuilder::prefetch(TextView path, bool folder) const noexcept {
   __builtin_prefetch(s.slots.address(hash & (s.slots.size() - 1)));
 }
 
+void CatalogBuilder::prefetch(const PreparedPath& path, bool folder) const noexcept {
+  const State& s = *state_;
+  std::uint32_t index = s.lastPrefetchParent;
+  if (!path.sameParent || index == kNone) {
+    index = s.findParent(path.parent(), path.parentHash);
+    s.lastPrefetchParent = index;
+    if (index == kNone) return;  // a new parent: nothing there to load yet
+  }
+  std::uint32_t hash = mixKey(path.nameHash, s.keyOf(index | (folder ? kFolderBit : 0)));
+  __builtin_prefetch(s.slots.address(hash & (s.slots.size() - 1)));
+}
+
 bool CatalogBuilder::add(TextView path, bool folder, std::uint64_t size, std::uint64_t modified, std::uint64_t created,
                          const std::optional<Text>& irregularExtension, std::uint8_t kind, std::uint64_t allocated,
                          std::optional<std::uint64_t> device) {
   State& s = *state_;
   TextView parent = s.parentOf(path);
   TextView name = path.substr(parent.size());
-
   std::uint32_t parentIndex = s.internParent(parent);
+  return addRow(parentIndex, name, nameHash(name), folder, size, modified, created, irregularExtension, kind,
+                allocated, device);
+}
+
+bool CatalogBuilder::add(const PreparedPath& prepared, bool folder, std::uint64_t size, std::uint64_t modified,
+                         std::uint64_t created, const std::optional<Text>& irregularExtension, std::uint8_t kind,
+                         std::uint64_t allocated, std::optional<std::uint64_t> device) {
+  State& s = *state_;
+  std::uint32_t parentIndex = prepared.sameParent && s.lastParent != kNone
+                                  ? s.lastParent
+                                  : s.internParent(prepared.parent(), prepared.parentHash);
+  s.lastParent = parentIndex;
+  return addRow(parentIndex, prepared.path.substr(prepared.parentLength), prepared.nameHash, folder, size, modified,
+                created, irregularExtension, kind, allocated, device);
+}
+
+bool CatalogBuilder::addRow(std::uint32_t parentIndex, TextView name, std::uint32_t hashOfName, bool folder,
+                            std::uint64_t size, std::uint64_t modified, std::uint64_t created,
+                            const std::optional<Text>& irregularExtension, std::uint8_t kind, std::uint64_t allocated,
+                            std::optional<std::uint64_t> device) {
+  State& s = *state_;
   std::uint32_t tag = parentIndex | (folder ? kFolderBit : 0);
 
   auto row = s.count();
   if (s.slots.size() <= 2 * (static_cast<std::size_t>(row) + 1)) s.growSlots();
   std::uint32_t key = s.keyOf(tag);
-  std::uint32_t hash = slotHash(name, key);
+  std::uint32_t hash = mixKey(hashOfName, key);
   bool found = false;
   std::size_t slot = s.probe(name, key, hash, found);
   if (found) return false;
@@ -380,6 +450,37 @@ bool CatalogBuilder::add(TextView path, bool folder, std::uint64_t size, std::ui
   return true;
 }
 
+// For each parent text of a Windows catalog, the folder row whose path is the
+// text without its trailing separator, or -1; empty for other flavors (where
+// the walk's cut, at either separator, need not give a parent text). These
+// lookups are most of the ancestor walk's cost and read the builder only, so
+// a large catalog splits them over two threads.
+std::vector<std::int32_t> CatalogBuilder::State::folderOwners() const {
+  if (pathFlavor != PathFlavor::windows) return {};
+  auto parentCount = static_cast<std::uint32_t>(parentHashes.size());
+  std::vector<std::int32_t> owners(parentCount, -1);
+  auto find = [&](std::uint32_t from, std::uint32_t to) noexcept {
+    for (std::uint32_t p = from; p < to; ++p) {
+      TextView text = parentText(p);
+      std::size_t length = text.size();
+      if (length > 0 && isAnySeparator(text[length - 1])) --length;
+      if (length != 0) owners[p] = findFolder(text.substr(0, length));
+    }
+  };
+  constexpr std::uint32_t kWorthAThread = 1 << 16;
+  std::thread helper;
+  if (parentCount >= kWorthAThread) {
+    try {
+      helper = std::thread(find, parentCount / 2, parentCount);
+    } catch (const std::system_error&) {
+      // No thread to be had: the same lookups, on this thread alone.
+    }
+  }
+  find(0, helper.joinable() ? parentCount / 2 : parentCount);
+  if (helper.joinable()) helper.join();
+  return owners;
+}
+
 // Every parent text, in order of first appearance, is walked up to its
 // outermost folder; each folder path that no folder row declares is queued,
 // so ancestors follow all real records, deepest first per parent. A folder
@@ -410,12 +511,27 @@ void CatalogBuilder::State::synthesiseAncestors(CatalogBuilder& owner) {
   std::vector<std::uint8_t> walked(static_cast<std::size_t>(count()), 0);
 
   auto parentCount = static_cast<std::uint32_t>(parentHashes.size());
+  std::vector<std::int32_t> owners = folderOwners();
   for (std::uint32_t p = 0; p < parentCount; ++p) {
     TextView text = parentText(p);
     std::size_t length = text.size();
+    // While the walk is on whole parent texts of a Windows catalog, the
+    // folder each one names was looked up ahead: a listed folder's parent
+    // text is exactly what cutting its path after the last separator leaves.
+    std::uint32_t whole = owners.empty() ? kNone : p;
     for (;;) {
       if (length > 0 && isAnySeparator(text[length - 1])) --length;
       if (length == 0) break;
+      if (whole != kNone && owners[whole] >= 0) {
+        auto row = static_cast<std::size_t>(owners[whole]);
+        if (walked[row]) break;
+        walked[row] = 1;
+        whole = parentTags[row] & kIndexMask;
+        text = parentText(whole);
+        length = text.size();
+        continue;
+      }
+      whole = kNone;
       TextView folder = text.substr(0, length);
       std::uint32_t hash = textHash(folder);
       if (findMissing(folder, hash)) break;  // queued folders were walked when queued
@@ -542,9 +658,17 @@ NativeCatalogBuilder::NativeCatalogBuilder(std::string sourceId, PathFlavor path
 bool NativeCatalogBuilder::addIfAbsent(TextView path, std::uint8_t kind, std::uint64_t size, std::uint64_t modified,
                                        std::uint64_t created, std::uint64_t allocated,
                                        std::optional<std::uint64_t> device) {
-  if (path.empty() || path.find(u'\0') != TextView::npos || kind >= 7)
+  if (path.empty() || hasNul(path) || kind >= 7)
     throw KernelError::invalid("Invalid native record");
   return builder_.add(path, kind == 1, size, modified, created, std::nullopt, kind, allocated, device);
+}
+
+void NativeCatalogBuilder::add(const PreparedPath& path, std::uint8_t kind, std::uint64_t size, std::uint64_t modified,
+                               std::uint64_t created, std::uint64_t allocated, std::optional<std::uint64_t> device) {
+  if (path.path.empty() || hasNul(path.path) || kind >= 7)
+    throw KernelError::invalid("Invalid native record");
+  if (!builder_.add(path, kind == 1, size, modified, created, std::nullopt, kind, allocated, device))
+    throw KernelError::invalid("Duplicate native path: " + utf8(path.path));
 }
 
 void NativeCatalogBuilder::add(TextView path, std::uint8_t kind, std::uint64_t size, std::uint64_t modified,

@@ -15,11 +15,11 @@ bool ByteSource::isCompressed(const std::filesystem::path& url) {
   return name.size() >= 3 && name.compare(name.size() - 3, 3, ".gz") == 0;
 }
 
-ByteSource::ByteSource(const std::filesystem::path& url) : path_(url.string()) {
+ByteSource::ByteSource(const std::filesystem::path& url, Inflation inflation) : path_(url.string()) {
   fd_ = ::open(url.c_str(), O_RDONLY | O_CLOEXEC);
   if (fd_ < 0) throw systemError("Cannot read", path_, errno);
   try {
-    if (isCompressed(url)) {
+    if (inflation == Inflation::byName && isCompressed(url)) {
       inflater_ = std::make_unique<Inflater>(fd_, path_);
     } else {
       buffer_ = std::make_unique_for_overwrite<char[]>(kBlockSize);

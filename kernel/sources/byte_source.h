@@ -25,7 +25,11 @@ class ByteSource {
   static constexpr int kEnd = -1;
   static constexpr std::size_t kBlockSize = 1 << 20;
 
-  explicit ByteSource(const std::filesystem::path& url);
+  // Whether a name ending in ".gz" means gzip input. Formats that are never
+  // compressed read their files as they are, whatever the name.
+  enum class Inflation { byName, never };
+
+  explicit ByteSource(const std::filesystem::path& url, Inflation inflation = Inflation::byName);
   ~ByteSource();
   ByteSource(const ByteSource&) = delete;
   ByteSource& operator=(const ByteSource&) = delete;

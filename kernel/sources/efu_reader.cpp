@@ -3,10 +3,12 @@
 #include <algorithm>
 #include <cstring>
 #include <optional>
+#include <vector>
 
 #include "kernel/base/kernel_error.h"
 #include "kernel/catalog/catalog_builder.h"
 #include "kernel/sources/byte_source.h"
+#include "kernel/sources/chunk_pipeline.h"
 #include "kernel/sources/load_progress.h"
 
 namespace tarv::EfuReader {
@@ -92,67 +94,123 @@ std::string_view nextField(std::string_view line, std::size_t& position, std::st
   return field;
 }
 
-class RecordReader {
+// One record as a parse worker hands it over; the path's units live in the
+// batch's shared buffer.
+struct Record {
+  std::size_t unitsStart;
+  std::uint32_t unitsLength;
+  std::uint32_t parentLength;  // the path split and hashed for the builder
+  std::uint32_t nameHash;
+  std::uint32_t parentHash;
+  bool sameParent;
+  bool folder;
+  std::int32_t extension;  // index into Batch::extensions, or -1
+  std::uint64_t size, modified, created;
+};
+
+struct Batch {
+  std::vector<Record> records;
+  Text units;
+  std::vector<std::optional<Text>> extensions;
+};
+
+// Turns the lines of a chunk into records. One per worker thread.
+class LineParser {
  public:
-  RecordReader(const std::string& sourceId, const std::string& virtualDirectory)
-      : builder_(sourceId, PathFlavor::windows, /*inferAncestors=*/true, /*directorySizes=*/false),
-        prefix_(utf16(virtualDirectory)) {
-    if (prefix_.empty() || prefix_.back() != u'\\') prefix_.push_back(u'\\');
+  struct Setup {
+    Text prefix;  // the virtual directory with its trailing "\"
+  };
+
+  explicit LineParser(const Setup& setup) : prefix_(setup.prefix) {}
+
+  // Every line of the chunk, up to each line feed or carriage return, and the
+  // unterminated rest (empty unless the chunk is the file's last).
+  void parse(std::string_view chunk, bool /*last*/, Batch& batch) {
+    batch.records.clear();
+    batch.units.clear();
+    batch.extensions.clear();
+    const char* p = chunk.data();
+    const char* end = p + chunk.size();
+    // The next LF and CR are remembered separately, so each memchr passes
+    // over every byte once even when one of the two never occurs.
+    const char* nextLf = nullptr;
+    const char* nextCr = nullptr;
+    for (;;) {
+      if (nextLf < p) {
+        nextLf = static_cast<const char*>(std::memchr(p, '\n', static_cast<std::size_t>(end - p)));
+        if (nextLf == nullptr) nextLf = end;
+      }
+      if (nextCr < p) {
+        nextCr = static_cast<const char*>(std::memchr(p, '\r', static_cast<std::size_t>(end - p)));
+        if (nextCr == nullptr) nextCr = end;
+      }
+      const char* lineEnd = std::min(nextLf, nextCr);
+      line(std::string_view(p, static_cast<std::size_t>(lineEnd - p)), batch);
+      if (lineEnd == end) break;
+      p = lineEnd + 1;
+    }
   }
 
-  void line(std::string_view line) {
+ private:
+  void line(std::string_view line, Batch& batch) {
     if (line.empty()) return;
     std::size_t position = 0;
     std::string_view filename = nextField(line, position, nameScratch_);
     if (filename.empty()) return;
-    std::string_view sizeField = nextField(line, position, numberScratch_);
-    std::optional<std::uint64_t> size = leadingDigits(sizeField);
+    std::optional<std::uint64_t> size = leadingDigits(nextField(line, position, numberScratch_));
     std::optional<std::uint64_t> modified = leadingDigits(nextField(line, position, numberScratch_));
     std::optional<std::uint64_t> created = leadingDigits(nextField(line, position, numberScratch_));
     bool folder = (leadingDigits(nextField(line, position, numberScratch_)).value_or(0) & kDirectoryAttribute) != 0;
 
     name_.clear();
     bool ascii = appendLegacyUtf8(filename, name_);
-    path_.clear();
+    Text& units = batch.units;
+    std::size_t start = units.size();
     bool absolute =
         (name_.size() >= 2 && name_[1] == u':') || (name_.size() >= 2 && name_[0] == u'\\' && name_[1] == u'\\');
-    if (!absolute) path_ = prefix_;
-    path_ += name_;
-    while (path_.size() > 3 && isSeparator(path_.back())) path_.pop_back();
+    if (!absolute) units += prefix_;
+    units += name_;
+    while (units.size() - start > 3 && isSeparator(units.back())) units.pop_back();
     // A drive root keeps its separator above; as a folder record it is the drive itself.
-    if (folder && path_.size() == 3 && isAsciiLetter(path_[0]) && path_[1] == u':' && isSeparator(path_[2]))
-      path_.pop_back();
+    if (folder && units.size() - start == 3 && isAsciiLetter(units[start]) && units[start + 1] == u':' &&
+        isSeparator(units[start + 2]))
+      units.pop_back();
 
-    const std::optional<Text>* extension = &kNoExtension;
+    std::int32_t extension = -1;
     if (!folder && !ascii && !isValidUtf8(filename)) {
-      irregular_.reset();
       std::size_t dot = filename.rfind('.');
       std::size_t separator = filename.find_last_of("\\/");
       if (dot != std::string_view::npos && (separator == std::string_view::npos || dot > separator)) {
-        irregular_.emplace();
-        for (char c : filename.substr(dot + 1)) irregular_->push_back(static_cast<unsigned char>(c));
-        extension = &irregular_;
+        extension = static_cast<std::int32_t>(batch.extensions.size());
+        Text& text = batch.extensions.emplace_back().emplace();
+        for (char c : filename.substr(dot + 1)) text.push_back(static_cast<unsigned char>(c));
       }
     }
-    // A path that is already present is dropped silently: exports repeat entries.
-    builder_.add(path_, folder, size.value_or(kUnknown64), modified.value_or(kUnknown64), created.value_or(kUnknown64),
-                 *extension, /*kind=*/0, kUnknown64, std::nullopt);
+    auto length = units.size() - start;
+    PreparedPath previous;
+    if (!batch.records.empty()) {
+      const Record& last = batch.records.back();
+      previous = PreparedPath{TextView(units).substr(last.unitsStart, last.unitsLength), last.parentLength};
+    }
+    PreparedPath prepared = CatalogBuilder::prepare(PathFlavor::windows, TextView(units).substr(start, length),
+                                                    batch.records.empty() ? nullptr : &previous);
+    batch.records.push_back(Record{start, static_cast<std::uint32_t>(length), prepared.parentLength,
+                                   prepared.nameHash, prepared.parentHash, prepared.sameParent, folder, extension,
+                                   size.value_or(kUnknown64), modified.value_or(kUnknown64),
+                                   created.value_or(kUnknown64)});
   }
 
-  Catalog finish() { return builder_.finish(); }
-  std::int32_t records() const { return builder_.count(); }
-
- private:
-  static inline const std::optional<Text> kNoExtension;
-
-  CatalogBuilder builder_;
-  Text prefix_;
+  const Text& prefix_;
   Text name_;
-  Text path_;
   std::string nameScratch_;
   std::string numberScratch_;
-  std::optional<Text> irregular_;
 };
+
+// Parse threads beyond two only queue up behind the single builder thread.
+constexpr int kMaxWorkers = 2;
+// How many records ahead the builder's duplicate table is loaded: its probes
+// are random reads, and most of an add's cost when they miss the cache.
+constexpr std::size_t kAhead = 6;
 
 }  // namespace
 
@@ -225,57 +283,44 @@ void checkHeader(const std::filesystem::path& url) {
     throw KernelError::io("Unsupported EFU header (required: Filename,Size,Date Modified,Date Created,Attributes)");
 }
 
-Catalog load(const std::filesystem::path& url, const std::string& sourceId, const std::string& virtualDirectory) {
+Catalog load(const std::filesystem::path& url, const std::string& sourceId, const std::string& virtualDirectory,
+             const sources::ReadOptions& options) {
   ByteSource source(url);
-  RecordReader reader(sourceId, virtualDirectory);
-  // The header line ends only at a line feed; later lines end at a line feed
-  // or a carriage return, so CRLF leaves an empty line that is skipped.
-  bool inHeader = true;
-  std::string carry;  // a line cut by a block boundary
-  for (std::span<const char> block = source.block(); !block.empty(); block = source.block()) {
-    if (LoadProgress::active()) {
-      ByteSource::FilePosition at = source.filePosition();
-      LoadProgress::advance(at.done, at.total, static_cast<std::uint64_t>(reader.records()));
-    }
-    const char* p = block.data();
-    const char* end = p + block.size();
-    if (inHeader) {
-      auto lf = static_cast<const char*>(std::memchr(p, '\n', block.size()));
-      if (lf == nullptr) continue;
-      inHeader = false;
-      p = lf + 1;
-    }
-    // The next LF and CR are remembered separately, so each memchr passes
-    // over every byte once even when one of the two never occurs.
-    const char* nextLf = nullptr;
-    const char* nextCr = nullptr;
-    while (p < end) {
-      if (nextLf < p) {
-        nextLf = static_cast<const char*>(std::memchr(p, '\n', static_cast<std::size_t>(end - p)));
-        if (nextLf == nullptr) nextLf = end;
+  LineParser::Setup setup{utf16(virtualDirectory)};
+  if (setup.prefix.empty() || setup.prefix.back() != u'\\') setup.prefix.push_back(u'\\');
+  CatalogBuilder builder(sourceId, PathFlavor::windows, /*inferAncestors=*/true, /*directorySizes=*/false);
+  static const std::optional<Text> kNoExtension;
+  bool progress = LoadProgress::active();
+  {
+    // The header line ends only at a line feed; later lines end at a line
+    // feed or a carriage return, so CRLF leaves an empty line that is skipped.
+    sources::ChunkPipeline<LineParser, Batch> pipeline(source, "\n\r", /*skipFirstLine=*/true, options,
+                                                       sources::workerCount(options, kMaxWorkers), progress, setup);
+    while (const Batch* batch = pipeline.next()) {
+      const Record* records = batch->records.data();
+      std::size_t count = batch->records.size();
+      const Unit* units = batch->units.data();
+      auto prepared = [&](const Record& r) {
+        return PreparedPath{TextView(units + r.unitsStart, r.unitsLength), r.parentLength, r.nameHash, r.parentHash,
+                            r.sameParent};
+      };
+      for (std::size_t i = 0; i < count && i < kAhead; ++i) builder.prefetch(prepared(records[i]), records[i].folder);
+      for (std::size_t i = 0; i < count; ++i) {
+        if (i + kAhead < count) builder.prefetch(prepared(records[i + kAhead]), records[i + kAhead].folder);
+        const Record& r = records[i];
+        const std::optional<Text>& extension = r.extension < 0 ? kNoExtension : batch->extensions[r.extension];
+        // A path that is already present is dropped silently: exports repeat entries.
+        builder.add(prepared(r), r.folder, r.size, r.modified, r.created, extension, /*kind=*/0, kUnknown64,
+                    std::nullopt);
       }
-      if (nextCr < p) {
-        nextCr = static_cast<const char*>(std::memchr(p, '\r', static_cast<std::size_t>(end - p)));
-        if (nextCr == nullptr) nextCr = end;
+      if (progress) {
+        ByteSource::FilePosition at = pipeline.position();
+        LoadProgress::advance(at.done, at.total, static_cast<std::uint64_t>(builder.count()));
       }
-      const char* lineEnd = std::min(nextLf, nextCr);
-      if (lineEnd == end) {
-        carry.append(p, end);
-        break;
-      }
-      if (carry.empty()) {
-        reader.line(std::string_view(p, static_cast<std::size_t>(lineEnd - p)));
-      } else {
-        carry.append(p, lineEnd);
-        reader.line(carry);
-        carry.clear();
-      }
-      p = lineEnd + 1;
     }
   }
-  if (!inHeader) reader.line(carry);
   source.close();
-  return reader.finish();
+  return builder.finish();
 }
 
 }  // namespace tarv::EfuReader

@@ -12,6 +12,7 @@
 
 #include "kernel/base/text.h"
 #include "kernel/catalog/catalog.h"
+#include "kernel/sources/chunk_pipeline.h"
 
 namespace tarv::EfuReader {
 
@@ -29,7 +30,12 @@ void checkHeader(const std::filesystem::path& url);
 // Names that are not valid UTF-8 keep the raw bytes after their last "." as
 // their extension, one UTF-16 unit per byte (Latin-1 style), because the
 // lenient decoding of the name may have changed them.
-Catalog load(const std::filesystem::path& url, const std::string& sourceId, const std::string& virtualDirectory);
+//
+// Lines are parsed on `options.workers` threads (automatic: by the processors
+// available) while the calling thread builds the catalog; the catalog is the
+// same for every setting.
+Catalog load(const std::filesystem::path& url, const std::string& sourceId, const std::string& virtualDirectory,
+             const sources::ReadOptions& options = {});
 
 // The lenient decoder of EFU names, appending to `out`: ASCII as is; a lead
 // byte 110xxxxx, 1110xxxx or 11110xxx takes the next 1, 2 or 3 bytes as

@@ -3,10 +3,12 @@
 #include <algorithm>
 #include <cstring>
 #include <optional>
+#include <vector>
 
 #include "kernel/base/kernel_error.h"
 #include "kernel/catalog/catalog_builder.h"
 #include "kernel/sources/byte_source.h"
+#include "kernel/sources/chunk_pipeline.h"
 #include "kernel/sources/load_progress.h"
 
 namespace tarv::GfindReader {
@@ -56,73 +58,135 @@ std::optional<std::uint64_t> decimal(std::string_view text) {
   return value;
 }
 
-class RecordReader {
+// One record as a parse worker hands it over; the path's units live in the
+// batch's shared buffer.
+struct Record {
+  std::size_t unitsStart;
+  std::uint32_t unitsLength;
+  std::uint32_t parentLength;  // the path split and hashed for the builder
+  std::uint32_t nameHash;
+  std::uint32_t parentHash;
+  bool sameParent;
+  std::uint8_t kind;
+  bool hasDevice;
+  std::uint64_t size, modified, created, allocated, device;
+};
+
+// The records of one chunk. A malformed record ends the batch: `problem`
+// then names what is wrong with the record after the last one listed.
+struct Batch {
+  std::vector<Record> records;
+  Text units;
+  const char* problem = nullptr;
+};
+
+// Turns the NUL-terminated records of a chunk into Records. One per worker.
+class RecordParser {
  public:
-  RecordReader(const std::string& sourceId, const std::string& root, bool extended)
-      : flavor_(flavorOf(root)),
-        builder_(sourceId, flavor_, /*directorySizes=*/false),
-        root_(utf16(root)),
-        extended_(extended) {}
+  struct Setup {
+    PathFlavor flavor;
+    Text root;
+    bool extended;
+  };
 
-  void record(std::string_view bytes) {
-    ++number_;
-    if (bytes.size() < 2 || bytes[1] != ' ') fail(bytes.empty() ? "Missing field" : "Unknown type letter");
-    int kind = kindOf(bytes[0]);
-    if (kind < 0) fail("Unknown type letter");
-    std::size_t position = 2;
-    std::optional<std::uint64_t> size = decimal(field(bytes, position));
-    if (!size) fail("Invalid size");
-    std::uint64_t modified = parseTime(field(bytes, position));
-    std::uint64_t created = kUnknown64;
-    std::uint64_t allocated = kUnknown64;
-    std::optional<std::uint64_t> device;
-    if (extended_) {
-      created = parseTime(field(bytes, position));
-      std::optional<std::uint64_t> blocks = decimal(field(bytes, position));
-      if (!blocks || *blocks > kUnknown64 / 512) fail("Invalid blocks");
-      allocated = *blocks * 512;
-      device = decimal(field(bytes, position));
-      if (!device) fail("Invalid device");
+  explicit RecordParser(const Setup& setup) : setup_(setup) {}
+
+  void parse(std::string_view chunk, bool /*last*/, Batch& batch) {
+    batch.records.clear();
+    batch.units.clear();
+    batch.problem = nullptr;
+    const char* p = chunk.data();
+    const char* end = p + chunk.size();
+    while (p < end) {
+      auto nul = static_cast<const char*>(std::memchr(p, 0, static_cast<std::size_t>(end - p)));
+      if (nul == nullptr) {
+        // Only the file's last chunk can end without a NUL: a record cut short.
+        batch.problem = "Missing NUL terminator";
+        return;
+      }
+      if (const char* problem = record(std::string_view(p, static_cast<std::size_t>(nul - p)), batch)) {
+        batch.problem = problem;
+        return;
+      }
+      p = nul + 1;
     }
-    std::string_view path = bytes.substr(position);
-    if (path.empty()) fail("Empty path");
-    join(path);
-    builder_.add(path_, static_cast<std::uint8_t>(kind), *size, modified, created, allocated, device);
   }
-
-  // Bytes after the last NUL: a record cut short.
-  void unterminated() {
-    ++number_;
-    fail("Missing NUL terminator");
-  }
-
-  Catalog finish() { return builder_.finish(); }
-  std::int64_t records() const { return number_; }
 
  private:
-  [[noreturn]] void fail(const char* reason) const {
-    throw KernelError::io("Gfind record " + std::to_string(number_) + ": " + reason);
-  }
-
-  // The field at `position` up to its separating space, moving past it. Every
-  // field but the path is followed by one space.
-  std::string_view field(std::string_view bytes, std::size_t& position) const {
+  // The field at `position` up to its separating space, moving past it; every
+  // field but the path is followed by one space. nullopt when there is none.
+  static std::optional<std::string_view> field(std::string_view bytes, std::size_t& position) {
     std::size_t space = bytes.find(' ', position);
-    if (space == std::string_view::npos) fail("Missing field");
+    if (space == std::string_view::npos) return std::nullopt;
     std::string_view text = bytes.substr(position, space - position);
     position = space + 1;
     return text;
   }
 
+  // Appends the record, or returns why it is malformed.
+  const char* record(std::string_view bytes, Batch& batch) {
+    if (bytes.size() < 2 || bytes[1] != ' ') return bytes.empty() ? "Missing field" : "Unknown type letter";
+    int kind = kindOf(bytes[0]);
+    if (kind < 0) return "Unknown type letter";
+    std::size_t position = 2;
+    auto sizeField = field(bytes, position);
+    if (!sizeField) return "Missing field";
+    std::optional<std::uint64_t> size = decimal(*sizeField);
+    if (!size) return "Invalid size";
+    auto modifiedField = field(bytes, position);
+    if (!modifiedField) return "Missing field";
+    Record r{};
+    r.kind = static_cast<std::uint8_t>(kind);
+    r.size = *size;
+    r.modified = parseTime(*modifiedField);
+    r.created = kUnknown64;
+    r.allocated = kUnknown64;
+    if (setup_.extended) {
+      auto createdField = field(bytes, position);
+      if (!createdField) return "Missing field";
+      r.created = parseTime(*createdField);
+      auto blocksField = field(bytes, position);
+      if (!blocksField) return "Missing field";
+      std::optional<std::uint64_t> blocks = decimal(*blocksField);
+      if (!blocks || *blocks > kUnknown64 / 512) return "Invalid blocks";
+      r.allocated = *blocks * 512;
+      auto deviceField = field(bytes, position);
+      if (!deviceField) return "Missing field";
+      std::optional<std::uint64_t> device = decimal(*deviceField);
+      if (!device) return "Invalid device";
+      r.hasDevice = true;
+      r.device = *device;
+    }
+    std::string_view path = bytes.substr(position);
+    if (path.empty()) return "Empty path";
+    r.unitsStart = batch.units.size();
+    join(path, batch.units);
+    r.unitsLength = static_cast<std::uint32_t>(batch.units.size() - r.unitsStart);
+    TextView units = batch.units;
+    PreparedPath previous;
+    if (!batch.records.empty()) {
+      const Record& last = batch.records.back();
+      previous = PreparedPath{units.substr(last.unitsStart, last.unitsLength), last.parentLength};
+    }
+    PreparedPath prepared = CatalogBuilder::prepare(setup_.flavor, units.substr(r.unitsStart, r.unitsLength),
+                                                    batch.records.empty() ? nullptr : &previous);
+    r.parentLength = prepared.parentLength;
+    r.nameHash = prepared.nameHash;
+    r.parentHash = prepared.parentHash;
+    r.sameParent = prepared.sameParent;
+    batch.records.push_back(r);
+    return nullptr;
+  }
+
   bool isAbsolute(TextView units) const {
     if (units.empty()) return false;
     if (units[0] == u'/') return true;
-    if (flavor_ == PathFlavor::posix) return false;
+    if (setup_.flavor == PathFlavor::posix) return false;
     return units[0] == u'\\' || (units.size() >= 2 && units[1] == u':');
   }
 
-  // Decodes the path into path_ and joins a relative one to the root.
-  void join(std::string_view bytes) {
+  // Decodes the path, joins a relative one to the root and appends it to `out`.
+  void join(std::string_view bytes, Text& out) {
     name_.resize(bytes.size());
     unsigned char high = 0;
     for (std::size_t i = 0; i < bytes.size(); ++i) {
@@ -132,30 +196,32 @@ class RecordReader {
     }
     if (high & 0x80) name_ = utf16(bytes);  // rare: repair needs the full decoder
     if (isAbsolute(name_)) {
-      path_ = name_;
+      out += name_;
       return;
     }
+    PathFlavor flavor = setup_.flavor;
     TextView relative = name_;
-    while (relative.size() >= 2 && relative[0] == u'.' && path_flavor::isSeparator(flavor_, relative[1])) {
+    while (relative.size() >= 2 && relative[0] == u'.' && path_flavor::isSeparator(flavor, relative[1])) {
       relative.remove_prefix(2);
-      while (!relative.empty() && path_flavor::isSeparator(flavor_, relative[0])) relative.remove_prefix(1);
+      while (!relative.empty() && path_flavor::isSeparator(flavor, relative[0])) relative.remove_prefix(1);
     }
     if (relative == u".") relative = {};
-    path_ = root_;
+    out += setup_.root;
     if (relative.empty()) return;
-    if (path_.empty() || !path_flavor::isSeparator(flavor_, path_.back()))
-      path_.push_back(flavor_ == PathFlavor::windows ? u'\\' : u'/');
-    path_ += relative;
+    if (setup_.root.empty() || !path_flavor::isSeparator(flavor, setup_.root.back()))
+      out.push_back(flavor == PathFlavor::windows ? u'\\' : u'/');
+    out += relative;
   }
 
-  PathFlavor flavor_;
-  NativeCatalogBuilder builder_;
-  Text root_;
-  bool extended_;
-  std::int64_t number_ = 0;
+  const Setup& setup_;
   Text name_;
-  Text path_;
 };
+
+// Parse threads beyond two only queue up behind the single builder thread.
+constexpr int kMaxWorkers = 2;
+// How many records ahead the builder's duplicate table is loaded: its probes
+// are random reads, and most of an add's cost when they miss the cache.
+constexpr std::size_t kAhead = 6;
 
 }  // namespace
 
@@ -214,36 +280,43 @@ std::uint64_t parseTime(std::string_view text) {
   return kUnixEpochTicks - wholeTicks + fraction;
 }
 
-Catalog load(const std::filesystem::path& url, const std::string& sourceId, const std::string& root, bool extended) {
+Catalog load(const std::filesystem::path& url, const std::string& sourceId, const std::string& root, bool extended,
+             const sources::ReadOptions& options) {
   ByteSource source(url);
-  RecordReader reader(sourceId, root, extended);
-  std::string carry;  // a record cut by a block boundary
-  for (std::span<const char> block = source.block(); !block.empty(); block = source.block()) {
-    if (LoadProgress::active()) {
-      ByteSource::FilePosition at = source.filePosition();
-      LoadProgress::advance(at.done, at.total, static_cast<std::uint64_t>(reader.records()));
-    }
-    const char* p = block.data();
-    const char* end = p + block.size();
-    while (p < end) {
-      auto nul = static_cast<const char*>(std::memchr(p, 0, static_cast<std::size_t>(end - p)));
-      if (nul == nullptr) {
-        carry.append(p, end);
-        break;
+  RecordParser::Setup setup{flavorOf(root), utf16(root), extended};
+  NativeCatalogBuilder builder(sourceId, setup.flavor, /*directorySizes=*/false);
+  bool progress = LoadProgress::active();
+  std::int64_t number = 0;  // records read so far, for messages
+  {
+    sources::ChunkPipeline<RecordParser, Batch> pipeline(source, std::string_view("\0", 1), /*skipFirstLine=*/false,
+                                                         options, sources::workerCount(options, kMaxWorkers), progress,
+                                                         setup);
+    while (const Batch* batch = pipeline.next()) {
+      const Unit* units = batch->units.data();
+      const Record* records = batch->records.data();
+      std::size_t count = batch->records.size();
+      auto prepared = [&](const Record& r) {
+        return PreparedPath{TextView(units + r.unitsStart, r.unitsLength), r.parentLength, r.nameHash, r.parentHash,
+                            r.sameParent};
+      };
+      for (std::size_t i = 0; i < count && i < kAhead; ++i) builder.prefetch(prepared(records[i]));
+      for (std::size_t i = 0; i < count; ++i) {
+        if (i + kAhead < count) builder.prefetch(prepared(records[i + kAhead]));
+        const Record& r = records[i];
+        ++number;
+        builder.add(prepared(r), r.kind, r.size, r.modified, r.created, r.allocated,
+                    r.hasDevice ? std::optional<std::uint64_t>(r.device) : std::nullopt);
       }
-      if (carry.empty()) {
-        reader.record(std::string_view(p, static_cast<std::size_t>(nul - p)));
-      } else {
-        carry.append(p, nul);
-        reader.record(carry);
-        carry.clear();
+      if (batch->problem)
+        throw KernelError::io("Gfind record " + std::to_string(number + 1) + ": " + batch->problem);
+      if (progress) {
+        ByteSource::FilePosition at = pipeline.position();
+        LoadProgress::advance(at.done, at.total, static_cast<std::uint64_t>(number));
       }
-      p = nul + 1;
     }
   }
-  if (!carry.empty()) reader.unterminated();
   source.close();
-  return reader.finish();
+  return builder.finish();
 }
 
 }  // namespace tarv::GfindReader

@@ -15,6 +15,7 @@
 
 #include "kernel/base/path_flavor.h"
 #include "kernel/catalog/catalog.h"
+#include "kernel/sources/chunk_pipeline.h"
 
 namespace tarv::GfindReader {
 
@@ -31,7 +32,12 @@ PathFlavor flavorOf(std::string_view root);
 // A relative path is joined to `root` after dropping leading "./" components,
 // so the output of `cd ROOT && find . ...` names ROOT itself for "." and
 // ROOT/x for "./x".
-Catalog load(const std::filesystem::path& url, const std::string& sourceId, const std::string& root, bool extended);
+//
+// Records are parsed on `options.workers` threads (automatic: by the
+// processors available) while the calling thread builds the catalog; the
+// catalog and the first error reported are the same for every setting.
+Catalog load(const std::filesystem::path& url, const std::string& sourceId, const std::string& root, bool extended,
+             const sources::ReadOptions& options = {});
 
 // A %T@-style time ("1795326869.1611563600") as FILETIME ticks: whole seconds,
 // optionally negative, and a fraction of any length that is always added (GNU

@@ -3,21 +3,18 @@
 #include <simdjson.h>
 
 #include <algorithm>
-#include <condition_variable>
+#include <atomic>
 #include <cstring>
-#include <exception>
-#include <mutex>
 #include <optional>
-#include <thread>
 #include <vector>
 
-#include "core/platform/system_info.h"
 #include "kernel/base/kernel_error.h"
 #include "kernel/catalog/catalog_builder.h"
 #include "kernel/sources/canonical_path.h"
 #include "kernel/sources/canonical_text.h"
+#include "kernel/sources/byte_source.h"
+#include "kernel/sources/chunk_pipeline.h"
 #include "kernel/sources/load_progress.h"
-#include "kernel/sources/snapshot_file.h"
 #include "kernel/sources/snapshot_record.h"
 
 namespace tarv::SnapshotReader {
@@ -26,22 +23,16 @@ namespace {
 using snapshot::RecordOutcome;
 using snapshot::SnapshotRecordReader;
 
-// Lines are read in chunks of about this size, on as many threads as there
-// are processors, while the calling thread feeds the builder in file order.
-constexpr std::size_t kChunkBytes = std::size_t{1} << 20;
+// Parse threads: more than the processors only queue up behind the single
+// builder thread.
 constexpr int kMaxWorkers = 8;
-
-// Text of whole lines: [begin, end), not counting the separator after it.
-struct Chunk {
-  const char* begin;
-  const char* end;
-};
 
 // The outcomes of one chunk's lines, in order.
 struct Batch {
   std::vector<RecordOutcome> records;
   Text units;  // the records' path units
-  std::exception_ptr failure;
+  bool invalidUtf8 = false;  // then nothing was parsed
+  bool emptyText = false;    // the chunk is the file's last and holds no line
 };
 
 // Position of the first "\n" or "\r" at or after `from`, or end. Each byte is
@@ -67,112 +58,43 @@ class LineCutter {
   const char* nextCr_;
 };
 
-void readChunk(SnapshotRecordReader& reader, Chunk chunk, const char* readableEnd, Batch& batch) {
-  batch.records.clear();
-  batch.units.clear();
-  batch.failure = nullptr;
-  try {
-    LineCutter cutter(chunk.begin, chunk.end);
-    for (const char* cursor = chunk.begin;;) {
-      const char* separator = cutter.nextSeparator(cursor);
-      batch.records.push_back(
-          reader.read(cursor, static_cast<std::size_t>(separator - cursor), readableEnd, batch.units));
-      if (separator == chunk.end) break;
-      cursor = separator + (separator[0] == '\r' && separator + 1 < chunk.end && separator[1] == '\n' ? 2 : 1);
-    }
-  } catch (...) {
-    batch.failure = std::current_exception();
-  }
-}
-
-// Cuts [begin, end) into chunks that end at a line feed. A CR-LF pair stays
-// whole; a file separated by CR alone stays one chunk. A separator that ends
-// the text still starts one more (empty) line, as it does without chunks.
-std::vector<Chunk> cutChunks(const char* begin, const char* end) {
-  std::vector<Chunk> chunks;
-  const char* start = begin;
-  while (static_cast<std::size_t>(end - start) > kChunkBytes) {
-    auto* lf = static_cast<const char*>(std::memchr(start + kChunkBytes, '\n', static_cast<std::size_t>(end - start - kChunkBytes)));
-    if (!lf) break;
-    chunks.push_back(Chunk{start, lf[-1] == '\r' ? lf - 1 : lf});
-    start = lf + 1;
-  }
-  chunks.push_back(Chunk{start, end});
-  return chunks;
-}
-
-// Reads chunks ahead on worker threads, at most `window` chunks beyond the
-// one the caller is consuming, so memory stays bounded. Workers never throw:
-// a failure travels in its batch. The destructor stops and joins them.
-class ChunkPipeline {
+// Reads the lines of a chunk. Chunks are cut after a line feed, so every
+// chunk but the file's last ends with a separator (a CR-LF pair stays whole).
+// Each separator ends one line; what follows the last separator of the file
+// is one more line unless it is empty. So one final separator ends the last
+// line instead of starting a blank one, and a blank line inside the file is
+// a record of its own.
+class ChunkReader {
  public:
-  ChunkPipeline(const std::vector<Chunk>& chunks, const char* readableEnd, std::string_view root, int workers)
-      : chunks_(chunks), readableEnd_(readableEnd), root_(root), window_(2 * static_cast<std::size_t>(workers) + 2),
-        ready_(chunks.size(), 0) {
-    for (std::size_t i = 0; i < window_; ++i) batches_.push_back(std::make_unique<Batch>());
-    for (int i = 0; i < workers; ++i) threads_.emplace_back([this] { work(); });
-  }
+  struct Setup {
+    std::string_view canonicalRoot;
+    // Set once a record has failed: the rest of the file is only checked
+    // for invalid UTF-8, which would take precedence.
+    std::atomic<bool> checkOnly{false};
+  };
 
-  ~ChunkPipeline() {
-    {
-      std::lock_guard lock(mutex_);
-      stop_ = true;
+  explicit ChunkReader(const Setup& setup) : setup_(setup), reader_(setup.canonicalRoot) {}
+
+  void parse(std::string_view chunk, bool last, Batch& batch) {
+    batch.records.clear();
+    batch.units.clear();
+    batch.invalidUtf8 = !simdjson::validate_utf8(chunk.data(), chunk.size());
+    if (batch.invalidUtf8 || setup_.checkOnly.load(std::memory_order_relaxed)) return;
+    const char* begin = chunk.data();
+    const char* end = begin + chunk.size();
+    batch.emptyText = last && (chunk.empty() || chunk == "\n" || chunk == "\r" || chunk == "\r\n");
+    LineCutter cutter(begin, end);
+    for (const char* cursor = begin; cursor < end;) {
+      const char* separator = cutter.nextSeparator(cursor);
+      batch.records.push_back(reader_.read(cursor, static_cast<std::size_t>(separator - cursor), end, batch.units));
+      if (separator == end) break;
+      cursor = separator + (separator[0] == '\r' && separator + 1 < end && separator[1] == '\n' ? 2 : 1);
     }
-    changed_.notify_all();
-    for (auto& thread : threads_) thread.join();
-  }
-
-  ChunkPipeline(const ChunkPipeline&) = delete;
-  ChunkPipeline& operator=(const ChunkPipeline&) = delete;
-
-  // Waits until chunk i is read. Chunks are taken in order.
-  Batch& take(std::size_t i) {
-    std::unique_lock lock(mutex_);
-    changed_.wait(lock, [&] { return ready_[i] != 0; });
-    return *batches_[i % window_];
-  }
-
-  // The caller is done with chunk i; its batch may be reused.
-  void release(std::size_t i) {
-    {
-      std::lock_guard lock(mutex_);
-      consumed_ = i + 1;
-    }
-    changed_.notify_all();
   }
 
  private:
-  void work() {
-    SnapshotRecordReader reader(root_);
-    for (;;) {
-      std::size_t i;
-      {
-        std::unique_lock lock(mutex_);
-        changed_.wait(lock, [&] { return stop_ || next_ >= chunks_.size() || next_ < consumed_ + window_; });
-        if (stop_ || next_ >= chunks_.size()) return;
-        i = next_++;
-      }
-      readChunk(reader, chunks_[i], readableEnd_, *batches_[i % window_]);
-      {
-        std::lock_guard lock(mutex_);
-        ready_[i] = 1;
-      }
-      changed_.notify_all();
-    }
-  }
-
-  const std::vector<Chunk>& chunks_;
-  const char* readableEnd_;
-  std::string_view root_;
-  std::size_t window_;
-  std::vector<std::unique_ptr<Batch>> batches_;
-  std::vector<char> ready_;
-  std::size_t next_ = 0;
-  std::size_t consumed_ = 0;
-  bool stop_ = false;
-  std::mutex mutex_;
-  std::condition_variable changed_;
-  std::vector<std::thread> threads_;
+  const Setup& setup_;
+  SnapshotRecordReader reader_;
 };
 
 // Feeds one batch to the builder. Duplicate detection runs here, in file
@@ -180,7 +102,6 @@ class ChunkPipeline {
 // path already present fails as a duplicate whether add or the check finds
 // it: both look for the same thing, and the duplicate check comes first.
 void addRecords(const Batch& batch, std::uint64_t& recordNumber, NativeCatalogBuilder& builder) {
-  if (batch.failure) std::rethrow_exception(batch.failure);
   const auto& records = batch.records;
   auto pathOf = [&](const RecordOutcome& record) {
     return TextView(batch.units.data() + record.unitsStart, record.unitsLength);
@@ -214,46 +135,48 @@ void addRecords(const Batch& batch, std::uint64_t& recordNumber, NativeCatalogBu
 
 }  // namespace
 
-Catalog load(const std::filesystem::path& url, const std::string& sourceId, const std::string& root) {
+Catalog load(const std::filesystem::path& url, const std::string& sourceId, const std::string& root,
+             const sources::ReadOptions& options) {
   canonical::checkAbsolutePosixPath(std::string_view(root));
   std::string rootStorage;
-  std::string_view canonicalRoot = canonical::nfc(root, rootStorage);
+  ChunkReader::Setup setup{canonical::nfc(root, rootStorage)};
   NativeCatalogBuilder builder(sourceId, PathFlavor::posix, /*directorySizes=*/true);
 
-  int processors = std::min(platform::activeProcessorCount(), kMaxWorkers);
-  auto file = snapshot::SnapshotFile::read(url, processors);
-  const char* bytes = file.data();
-  if (!simdjson::validate_utf8(bytes, file.size())) throw KernelError::io("Input length = 1");
-  std::size_t length = file.size();
-  // One final separator ends the last line instead of starting a blank one.
-  if (length >= 2 && bytes[length - 2] == '\r' && bytes[length - 1] == '\n') {
-    length -= 2;
-  } else if (length >= 1 && (bytes[length - 1] == '\n' || bytes[length - 1] == '\r')) {
-    length -= 1;
-  }
-  if (length == 0) throw KernelError::io("Empty snapshot");
-
-  const char* readableEnd = bytes + file.size();
-  std::vector<Chunk> chunks = cutChunks(bytes, bytes + length);
-  std::uint64_t recordNumber = 0;
-  auto offsetOf = [bytes](const char* at) { return static_cast<std::uint64_t>(at - bytes); };
-  int workers = std::min(processors, static_cast<int>(chunks.size()));
-  if (workers <= 1) {
-    SnapshotRecordReader reader(canonicalRoot);
-    Batch batch;
-    for (const Chunk& chunk : chunks) {
-      readChunk(reader, chunk, readableEnd, batch);
-      addRecords(batch, recordNumber, builder);
-      if (LoadProgress::active()) LoadProgress::advance(offsetOf(chunk.end), file.size(), recordNumber);
+  // The file is streamed in chunks: it is never held whole, so a load needs
+  // about the memory of the catalog it builds, whatever the file's size.
+  ByteSource source(url, ByteSource::Inflation::never);
+  bool progress = LoadProgress::active();
+  sources::ReadOptions cut = options;
+  // A file of up to two bytes (possibly an empty text) arrives as one chunk.
+  cut.chunkBytes = std::max<std::size_t>(cut.chunkBytes, 3);
+  {
+    sources::ChunkPipeline<ChunkReader, Batch> pipeline(source, "\n", /*skipFirstLine=*/false, cut,
+                                                        sources::workerCount(options, kMaxWorkers), progress, setup);
+    // Invalid UTF-8 anywhere fails the whole file before any record does, as
+    // when the file was checked whole before its records were read.
+    auto failOnInvalidUtf8 = [](const Batch& batch) {
+      if (batch.invalidUtf8) throw KernelError::io("Input length = 1");
+    };
+    std::uint64_t recordNumber = 0;
+    bool first = true;
+    while (const Batch* batch = pipeline.next()) {
+      failOnInvalidUtf8(*batch);
+      if (first && batch->emptyText) throw KernelError::io("Empty snapshot");
+      first = false;
+      try {
+        addRecords(*batch, recordNumber, builder);
+      } catch (const KernelError&) {
+        setup.checkOnly = true;
+        while (const Batch* rest = pipeline.next()) failOnInvalidUtf8(*rest);
+        throw;
+      }
+      if (progress) {
+        ByteSource::FilePosition at = pipeline.position();
+        LoadProgress::advance(at.done, at.total, recordNumber);
+      }
     }
-  } else {
-    ChunkPipeline pipeline(chunks, readableEnd, canonicalRoot, workers);
-    for (std::size_t i = 0; i < chunks.size(); ++i) {
-      addRecords(pipeline.take(i), recordNumber, builder);
-      pipeline.release(i);
-      if (LoadProgress::active()) LoadProgress::advance(offsetOf(chunks[i].end), file.size(), recordNumber);
-    }
   }
+  source.close();
   return builder.finish();
 }
 

@@ -13,6 +13,7 @@
 #include <string_view>
 
 #include "kernel/catalog/catalog.h"
+#include "kernel/sources/chunk_pipeline.h"
 
 namespace tarv::SnapshotReader {
 
@@ -28,6 +29,11 @@ inline constexpr std::size_t kRecordLimit = 1 << 20;
 // for ill-formed UTF-8; io("Empty snapshot") when nothing but one final line
 // separator is there. The first bad record throws io("Snapshot record N: "
 // + reason), N counting lines from 1 with blank lines included.
-Catalog load(const std::filesystem::path& url, const std::string& sourceId, const std::string& root);
+//
+// The file is streamed (never held whole) and its lines are parsed on
+// `options.workers` threads while the calling thread builds the catalog; the
+// catalog and the error reported are the same for every setting.
+Catalog load(const std::filesystem::path& url, const std::string& sourceId, const std::string& root,
+             const sources::ReadOptions& options = {});
 
 }  // namespace tarv::SnapshotReader

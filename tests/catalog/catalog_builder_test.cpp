@@ -142,6 +142,32 @@ TEST(CatalogBuilderAncestors, SynthesisedAfterRealRecordsDeepestFirst) {
   }
 }
 
+// With "/" as the only separator both flavors split paths alike, but only
+// Windows catalogs look the parents' folders up ahead (on two threads past
+// 65536 parents): the synthesised ancestors must still be the same, in order.
+TEST(CatalogBuilderAncestors, SameForBothFlavorsOnLargeTrees) {
+  std::mt19937 random(23);
+  std::vector<std::pair<Text, bool>> records;
+  for (int i = 0; i < 120000; ++i) {
+    Text folder = u"/r";
+    for (int depth = 1 + static_cast<int>(random() % 4); depth > 0; --depth)
+      folder += u"/" + utf16(std::to_string(random() % (depth == 1 ? 2000 : 12)));
+    if (random() % 3 == 0) records.emplace_back(folder, true);  // some folders are listed, some not
+    records.emplace_back(folder + u"/f" + utf16(std::to_string(random() % 3)), false);
+  }
+  auto build = [&](PathFlavor flavor) {
+    CatalogBuilder builder("s", flavor, /*inferAncestors=*/true, false);
+    for (const auto& [path, folder] : records) builder.add(path, folder, 1, U, U, std::nullopt, 0, U, std::nullopt);
+    return builder.finish();
+  };
+  Catalog windows = build(PathFlavor::windows);
+  Catalog posix = build(PathFlavor::posix);
+  ASSERT_GT(windows.parts().parentStarts.size(), 65537u) << "large enough for the threaded lookups";
+  ASSERT_GT(windows.count(), static_cast<std::int32_t>(records.size()) / 2);
+  EXPECT_EQ(paths(windows), paths(posix));
+  EXPECT_EQ(windows.folderCount(), posix.folderCount());
+}
+
 TEST(CatalogBuilderColumns, OptionalColumnsOnlyWhenKnown) {
   struct Case {
     const char* label;
@@ -323,6 +349,110 @@ TEST(NativeCatalogBuilder, DuplicateNamesThePathAndChangesNothing) {
   EXPECT_EQ(b.sizeBytes(0), 4u) << "folder size derived from its one file";
   EXPECT_EQ(b.recordKind(0), 1);
   EXPECT_EQ(b.rawCreated(1), 6u);
+}
+
+// Paths split and hashed ahead (as parse threads do) must build the same
+// catalog as plain paths: same rows, parents, duplicates and ancestors.
+TEST(CatalogBuilderPrepared, SameCatalogAsPlainPaths) {
+  std::mt19937 random(17);
+  struct Setting {
+    const char* label;
+    PathFlavor flavor;
+    bool infer;
+    const char16_t* separator;
+  } settings[] = {
+      {"windows with inference", PathFlavor::windows, true, u"\\"},
+      {"posix without inference", PathFlavor::posix, false, u"/"},
+  };
+  for (const Setting& setting : settings) {
+    // Runs of siblings, with repeats, so sameParent chains are long and broken.
+    std::vector<std::pair<Text, bool>> records;
+    for (int i = 0; i < 20000; ++i) {
+      Text path = u"C:";
+      for (int depth = static_cast<int>(random() % 4); depth >= 0; --depth)
+        path += setting.separator + Text(1, static_cast<char16_t>(u'a' + random() % 3));
+      path += setting.separator;
+      if (random() % 10) path += Text(1, static_cast<char16_t>(u'k' + random() % 20));
+      records.emplace_back(path, random() % 5 == 0);
+      for (int sibling = static_cast<int>(random() % 4); sibling > 0; --sibling)
+        records.emplace_back(path + Text(1, static_cast<char16_t>(u'0' + random() % 10)), random() % 7 == 0);
+    }
+    CatalogBuilder plain("s", setting.flavor, setting.infer, false);
+    CatalogBuilder prepared("s", setting.flavor, setting.infer, false);
+    PreparedPath previous;
+    for (std::size_t i = 0; i < records.size(); ++i) {
+      const auto& [path, folder] = records[i];
+      PreparedPath p = CatalogBuilder::prepare(setting.flavor, path, i == 0 ? nullptr : &previous);
+      if (i + 3 < records.size()) prepared.prefetch(p, folder);  // out of step on purpose: only a hint
+      bool added = plain.add(path, folder, i, U, U, std::nullopt, 0, U, std::nullopt);
+      ASSERT_EQ(prepared.add(p, folder, i, U, U, std::nullopt, 0, U, std::nullopt), added) << setting.label << i;
+      previous = p;
+    }
+    auto a = plain.finish();
+    auto b = prepared.finish();
+    ASSERT_EQ(a.count(), b.count()) << setting.label;
+    EXPECT_EQ(paths(a), paths(b)) << setting.label;
+    for (std::int32_t row = 0; row < a.count(); ++row) {
+      ASSERT_EQ(a.parts().parentTags[row], b.parts().parentTags[row]) << setting.label << row;
+      ASSERT_EQ(a.parts().sizes[row], b.parts().sizes[row]) << setting.label << row;
+    }
+  }
+}
+
+TEST(CatalogBuilderPrepared, SplitsLikeThePathFlavor) {
+  struct Case {
+    const char* label;
+    PathFlavor flavor;
+    const char16_t* path;
+    std::uint32_t parentLength;
+  } cases[] = {
+      {"posix", PathFlavor::posix, u"/a/b", 3},
+      {"posix keeps backslashes in names", PathFlavor::posix, u"/a\\b", 1},
+      {"windows takes either separator", PathFlavor::windows, u"C:\\a/b", 5},
+      {"no separator", PathFlavor::windows, u"name", 0},
+      {"trailing separator: empty name", PathFlavor::posix, u"/a/", 3},
+  };
+  for (const Case& c : cases) {
+    PreparedPath p = CatalogBuilder::prepare(c.flavor, c.path);
+    EXPECT_EQ(p.parentLength, c.parentLength) << c.label;
+    EXPECT_FALSE(p.sameParent) << c.label;
+    PreparedPath again = CatalogBuilder::prepare(c.flavor, c.path, &p);
+    EXPECT_TRUE(again.sameParent) << c.label;
+  }
+  PreparedPath a = CatalogBuilder::prepare(PathFlavor::posix, u"/a/x");
+  EXPECT_FALSE(CatalogBuilder::prepare(PathFlavor::posix, u"/b/x", &a).sameParent);
+  EXPECT_FALSE(CatalogBuilder::prepare(PathFlavor::posix, u"/a/x/y", &a).sameParent);
+}
+
+TEST(NativeCatalogBuilder, PreparedPathsAreCheckedLikePlainOnes) {
+  NativeCatalogBuilder builder("s", PathFlavor::posix, false);
+  auto add = [&](TextView path, std::uint8_t kind) {
+    builder.add(CatalogBuilder::prepare(PathFlavor::posix, path), kind, 1, U, U, U, std::nullopt);
+  };
+  add(u"/a", 1);
+  add(u"/\u8000\u0001\uffff\u0100/\u8001x", 0);  // high and low units are no NUL
+  EXPECT_EQ(builder.count(), 2);
+  struct Case {
+    const char* label;
+    Text path;
+    std::uint8_t kind;
+    const char* message;
+  } cases[] = {
+      {"empty", u"", 0, "Invalid native record"},
+      {"NUL near the end", Text(u"/a/b\0c", 6), 0, "Invalid native record"},
+      {"NUL among the first units", Text(u"/a\0bcdefgh", 10), 0, "Invalid native record"},
+      {"kind 7", u"/k", 7, "Invalid native record"},
+      {"duplicate, also as another kind", u"/a", 0, "Duplicate native path: /a"},
+  };
+  for (const Case& c : cases) {
+    try {
+      add(c.path, c.kind);
+      ADD_FAILURE() << c.label;
+    } catch (const KernelError& e) {
+      EXPECT_EQ(e, KernelError::invalid(c.message)) << c.label;
+    }
+  }
+  EXPECT_EQ(builder.count(), 2);
 }
 
 }  // namespace

@@ -13,7 +13,6 @@
 
 #include "kernel/base/kernel_error.h"
 #include "kernel/sources/canonical_path.h"
-#include "kernel/sources/snapshot_file.h"
 #include "tests/support/temp_dir.h"
 
 namespace tarv {
@@ -164,28 +163,16 @@ TEST(SnapshotLoading, MissingFileIsAReadError) {
   }
 }
 
-TEST(SnapshotFile, ReadsInPartsAndFallsBackForOtherFiles) {
+TEST(SnapshotLoading, FoldersPipesAndGzipNamesAreReadAsTheyAre) {
   TempDir dir;
-  // Large enough for several parts; every byte distinct from its neighbours
-  // so a misplaced part shows.
-  std::string big(std::size_t{33} << 20, '\0');
-  for (std::size_t i = 0; i < big.size(); ++i) big[i] = static_cast<char>((i * 131) >> 3);
-  auto bigPath = dir.write("big", big);
-  for (int threads : {1, 2, 3}) {
-    auto file = snapshot::SnapshotFile::read(bigPath, threads);
-    ASSERT_EQ(file.size(), big.size());
-    EXPECT_TRUE(file.bytes() == big) << threads << " threads";
-  }
-  EXPECT_EQ(snapshot::SnapshotFile::read(dir.write("empty", ""), 2).size(), 0u);
-
   try {
-    snapshot::SnapshotFile::read(dir.path(), 2);
+    SnapshotReader::load(dir.path(), "src", "/");
     FAIL() << "read a folder";
   } catch (const KernelError& e) {
     EXPECT_EQ(e.message(), "Cannot read " + dir.path().string() + ": Is a directory");
   }
 
-  // A pipe has no size up front: it is read in one pass.
+  // A pipe has no size up front.
   auto pipe = dir / "pipe";
   ASSERT_EQ(::mkfifo(pipe.c_str(), 0600), 0);
   std::string text = lines({Record("/a"), Record("/b")});
@@ -193,6 +180,65 @@ TEST(SnapshotFile, ReadsInPartsAndFallsBackForOtherFiles) {
   auto catalog = SnapshotReader::load(pipe, "src", "/");
   writer.join();
   EXPECT_EQ(catalog.count(), 2);
+
+  // Snapshots are never compressed: the name does not make them gzip.
+  EXPECT_EQ(SnapshotReader::load(dir.write("s.jsonl.gz", text), "src", "/").count(), 2);
+}
+
+// Streaming in chunks on worker threads changes nothing: the catalog and the
+// first error are those of a load on one thread in one chunk.
+TEST(SnapshotLoading, SameResultForEveryWorkerCountAndChunkSize) {
+  std::vector<Record> records = {Record("/", "directory")};
+  for (int d = 0; d < 40; ++d) {
+    std::string folder = "/d" + std::to_string(d);
+    records.push_back(Record(folder, "directory"));
+    for (int f = 0; f < 30; ++f)
+      records.push_back(Record(folder + "/f" + std::to_string(f)).set("logicalSize", std::to_string(f * 7 + d)));
+  }
+  std::string good = lines(records);
+  std::string crlf = good;
+  for (std::size_t at = crlf.find('\n'); at != std::string::npos; at = crlf.find('\n', at + 2)) crlf.insert(at, "\r");
+  std::string late = good + Record("/d3/f4").json() + "\n";  // a duplicate after 1241 records
+  std::string badLate = good + "{\n";
+  std::string invalidLate = good + "\xFF\n";
+  std::string duplicateThenInvalid = Record("/").json() + "\n" + late + "\xC3\n";
+  struct Case {
+    const char* label;
+    std::string text;
+    const char* error;  // nullptr: loads
+  } cases[] = {
+      {"LF", good, nullptr},
+      {"CRLF", crlf, nullptr},
+      {"duplicate late", late, "io: Snapshot record 1242: Duplicate path"},
+      {"bad JSON late", badLate, "io: Snapshot record 1242: Expected JSON object"},
+      {"invalid UTF-8 late", invalidLate, "io: Input length = 1"},
+      {"invalid UTF-8 after a record error", duplicateThenInvalid, "io: Input length = 1"},
+  };
+  const sources::ReadOptions settings[] = {{0, std::size_t{1} << 20}, {0, 1}, {1, 100}, {2, 1}, {2, 977}, {3, 4096}};
+  TempDir dir;
+  for (const Case& c : cases) {
+    auto path = dir.write("s.jsonl", c.text);
+    std::optional<Catalog> reference;
+    for (const sources::ReadOptions& options : settings) {
+      std::string where = std::string(c.label) + " workers=" + std::to_string(options.workers) +
+                          " chunk=" + std::to_string(options.chunkBytes);
+      try {
+        Catalog catalog = SnapshotReader::load(path, "src", "/", options);
+        ASSERT_EQ(c.error, nullptr) << where;
+        ASSERT_EQ(catalog.count(), static_cast<std::int32_t>(records.size())) << where;
+        if (!reference) reference.emplace(std::move(catalog));
+        else
+          for (std::int32_t row = 0; row < catalog.count(); ++row) {
+            ASSERT_EQ(catalog.displayPath(row), reference->displayPath(row)) << where;
+            ASSERT_EQ(catalog.sizeBytes(row), reference->sizeBytes(row)) << where;
+            ASSERT_EQ(catalog.parts().parentTags[row], reference->parts().parentTags[row]) << where;
+          }
+      } catch (const KernelError& e) {
+        ASSERT_NE(c.error, nullptr) << where << ": " << describe(e);
+        EXPECT_EQ(describe(e), c.error) << where;
+      }
+    }
+  }
 }
 
 TEST(SnapshotLoading, LineSeparators) {
