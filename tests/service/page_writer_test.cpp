@@ -268,6 +268,9 @@ TEST(PageWriterFromCatalog, IdsOutsideTheSearchAreRefused) {
   for (std::int64_t id : {std::int64_t{-1}, search->total(), std::int64_t{1} << 40}) {
     EXPECT_THROW(writer.writeRow(out, id), KernelError) << id;
   }
+  // The same inside a page, where the rows are read ahead in batches first.
+  const auto ids = Column<std::int32_t>::owned({0, 1, static_cast<std::int32_t>(search->total()), 2});
+  EXPECT_THROW(writer.write(out, ids, 0, 0, ids.size()), KernelError);
 }
 
 TEST(ByteBuffer, GrowsWithoutLosingBytesAndClearKeepsTheMemory) {
