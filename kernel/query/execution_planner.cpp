@@ -176,11 +176,36 @@ class Compiler {
     step = only;
   }
 
-  // Most selective first; row-by-row operands last, whatever they select.
+  // Relative cost per row read: the name scans read and compare name units
+  // (a bigram mask, then the survivors' names); the others read a column
+  // word, a group list or a precomputed answer.
+  static constexpr std::int64_t kNameReadCost = 8;
+  std::int64_t costOf(const Step& step) const noexcept {
+    switch (step.method) {
+      case Method::literal:
+      case Method::literalOr:
+      case Method::pattern:
+      case Method::units:
+      case Method::path: return kNameReadCost;
+      case Method::negate:
+      case Method::allOf:
+      case Method::anyOf: {
+        std::int64_t cost = 1;
+        for (const std::uint32_t c : step.children) cost = std::max(cost, costOf(filter_.steps[c]));
+        return cost;
+      }
+      default: return 1;
+    }
+  }
+
+  // Cheapest first by rows kept times their cost, so that a name scan runs
+  // on the rows a cheap column test left (folder: doc reads the folders'
+  // names only) unless it keeps far fewer; row-by-row operands last,
+  // whatever they select.
   void order(Step& step) {
     auto weight = [&](std::uint32_t c) {
       const Step& s = filter_.steps[c];
-      return std::pair<int, std::int64_t>(s.method == Method::rows ? 1 : 0, s.estimate);
+      return std::pair<int, std::int64_t>(s.method == Method::rows ? 1 : 0, s.estimate * costOf(s));
     };
     std::stable_sort(step.children.begin(), step.children.end(),
                      [&](std::uint32_t x, std::uint32_t y) { return weight(x) < weight(y); });

@@ -31,7 +31,10 @@ class Evaluator {
         groups_(groups),
         n_(catalog_.count()),
         minimum_(minimum),
-        fold_(table_.searchTable().data()) {}
+        fold_(table_.searchTable().data()),
+        names_(catalog_.parts().names.data()),
+        nameStarts_(catalog_.parts().nameStarts.data()),
+        nameUnits_(catalog_.parts().names.size()) {}
 
   Bitset run(std::uint32_t at, const Bitset* pool) {
     const Step& step = filter_.steps[at];
@@ -95,6 +98,11 @@ class Evaluator {
     return left >= 64 ? ~std::uint64_t(0) : (std::uint64_t(1) << left) - 1;
   }
 
+  void prefetchName(std::int64_t row) const noexcept {
+    const auto start = static_cast<std::uint32_t>(nameStarts_[row]);
+    if (start < nameUnits_) __builtin_prefetch(names_ + start);
+  }
+
   static std::int64_t members(const Bitset* pool) { return pool ? pool->count() : -1; }
 
   // Rows of the pool for which `test` holds, in parallel chunks of whole words.
@@ -144,6 +152,10 @@ class Evaluator {
         for (std::int64_t i = 0; i < count; ++i)
           held |= std::uint64_t((masks[first + i] & mask) == mask) << i;
         candidates &= held;
+        // The survivors' names lie scattered in the names column, one cache
+        // miss each: ask for all of them before reading the first, so the
+        // misses overlap instead of following one another.
+        for (std::uint64_t c = candidates; c != 0; c &= c - 1) prefetchName(first + std::countr_zero(c));
         std::uint64_t bits = 0;
         while (candidates != 0) {
           const int b = std::countr_zero(candidates);
@@ -372,6 +384,9 @@ class Evaluator {
   std::int64_t n_;
   std::int64_t minimum_;
   const std::uint16_t* fold_;
+  const char16_t* names_;
+  const std::int32_t* nameStarts_;
+  std::size_t nameUnits_;
 };
 
 }  // namespace

@@ -6,6 +6,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <random>
 #include <string>
@@ -192,6 +193,37 @@ TEST(ExecutionPlanner, PathTermsFindSeparatorsInsideNames) {
   for (int i = 0; i < 100; ++i) entries.push_back({"C:\\a\\f" + std::to_string(i)});
   const ExecutionPlanner planner(indexOf(entries, PathFlavor::windows));
   for (const char* q : {"b/c", "a\\b", "\\a\\", "y\\z", "x\\", "C:\\"}) expectExact(planner, q, q);
+}
+
+TEST(ExecutionPlanner, PathTermsDecidedByParentStatesStayExact) {
+  // Most rows lie below a folder that holds the text, so rows are decided by
+  // their parent's state and separator bit; others end their parent in a
+  // part of the text (C:\usr\share\ for \share\doc\) that a name can
+  // finish only through a separator of its own. Parent texts also end in
+  // partial matches of the texts (sh\ for sh\are1, docs\ for doc\).
+  for (const PathFlavor flavor : {PathFlavor::windows, PathFlavor::posix}) {
+    const bool windows = flavor == PathFlavor::windows;
+    const std::string root = windows ? "C:\\usr" : "/usr";
+    const std::string s = windows ? "\\" : "/";
+    std::vector<Entry> entries = {{root, true}, {root + s + "share", true}, {root + s + "share" + s + "doc", true},
+                                  {root + s + "share" + s + "docs", true}, {root + s + "sh", true}};
+    for (int i = 0; i < 40; ++i) {
+      const std::string pkg = root + s + "share" + s + "doc" + s + "p" + std::to_string(i);
+      entries.push_back({pkg, true});
+      for (int j = 0; j < 6; ++j) entries.push_back({pkg + s + "f" + std::to_string(j) + ".txt"});
+      entries.push_back({root + s + "share" + s + "docs" + s + "d" + std::to_string(i)});
+      entries.push_back({root + s + "sh" + s + "are" + std::to_string(i)});
+    }
+    if (windows) {
+      for (const char* name : {"doc/x", "doc\\y", "are/doc/z", "a/b"}) entries.push_back({root + s + "share" + s + name});
+    }
+    const ExecutionPlanner planner(indexOf(entries, flavor));
+    for (std::string q : {"\\share\\doc\\", "share\\doc\\p1", "doc\\", "\\", "e\\doc", "sh\\are1",
+                          "usr\\share\\docs\\d3", "/doc/", "c/", "path:doc/x"}) {
+      if (!windows) std::replace(q.begin(), q.end(), '\\', '/');
+      expectExact(planner, q, (windows ? "windows " : "posix ") + q);
+    }
+  }
 }
 
 TEST(ExecutionPlanner, QueriesBeyondTheBudgetsStayExact) {
