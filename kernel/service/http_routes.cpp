@@ -45,7 +45,7 @@ HttpResponse HTTPServer::respond(const HttpRequest& request) {
   return {status, std::string(body.view())};
 }
 
-int HTTPServer::respond(const HttpRequest& request, ByteBuffer& body) {
+int HTTPServer::respond(const HttpRequest& request, ByteBuffer& body, ResultStore::Released* released) {
   body.clear();
   int status = 0;
   if (!authorized(request)) {
@@ -54,7 +54,7 @@ int HTTPServer::respond(const HttpRequest& request, ByteBuffer& body) {
     status = put(body, HttpResponse::error(403, "origin", "Browser requests are not supported"));
   } else {
     try {
-      status = route(request, body);
+      status = route(request, body, released);
     } catch (const KernelError& error) {
       body.clear();  // a page may have been half written
       status = put(body, HttpResponse::error(400, "invalid_request", error.message()));
@@ -70,12 +70,12 @@ int HTTPServer::respond(const HttpRequest& request, ByteBuffer& body) {
   return status;
 }
 
-int HTTPServer::route(const HttpRequest& request, ByteBuffer& body) {
+int HTTPServer::route(const HttpRequest& request, ByteBuffer& body, ResultStore::Released* released) {
   const std::string& path = request.path;
   if (path == "/v1/status") {
     if (request.method == "GET") return put(body, status());
   } else if (path == "/v1/queries") {
-    if (request.method == "POST") return put(body, createQuery(request));
+    if (request.method == "POST") return put(body, createQuery(request, released));
   } else if (path.size() > kQueriesPrefix.size() && path.compare(0, kQueriesPrefix.size(), kQueriesPrefix) == 0) {
     const std::string_view id = std::string_view(path).substr(kQueriesPrefix.size());
     if (request.method == "GET") return readPage(request, id, body);
@@ -93,7 +93,7 @@ HttpResponse HTTPServer::status() {
                                              {"capture", json::Value{{"enabled", false}}}});
 }
 
-HttpResponse HTTPServer::createQuery(const HttpRequest& request) {
+HttpResponse HTTPServer::createQuery(const HttpRequest& request, ResultStore::Released* released) {
   // Refused rather than queued: the client decides whether to try again.
   std::unique_lock<std::mutex> running(searching_, std::try_to_lock);
   if (!running.owns_lock()) return HttpResponse::error(429, "busy", "A query is still running");
@@ -112,7 +112,7 @@ HttpResponse HTTPServer::createQuery(const HttpRequest& request) {
   const double searchMs = roundToHundredths(
       static_cast<double>(std::chrono::duration_cast<std::chrono::nanoseconds>(elapsed).count()) / 1e6);
 
-  const ResultStore::Entry entry = results_.add(std::move(result.ids), sort, searchMs);
+  const ResultStore::Entry entry = results_.add(std::move(result.ids), sort, searchMs, released);
   LoadTrace::event("query", "search",
                    "sort=" + sort + " queryChars=" + std::to_string(queryUnits) +
                        " matches=" + std::to_string(entry.rows.size()));

@@ -237,6 +237,7 @@ void HTTPServer::serve(int fd) {
     // largest size fits after the first few requests, so later answers
     // allocate nothing for their text.
     ByteBuffer body(64 << 10);
+    ResultStore::Released released;
     char chunk[16384];
     // The whole next request must arrive before this moment, however it trickles in.
     auto deadline = std::chrono::steady_clock::now() + options_.receiveTimeout;
@@ -268,8 +269,10 @@ void HTTPServer::serve(int fd) {
         break;
       }
 
-      const int status = respond(parsed.request, body);
-      if (!sendAnswer(fd, status, body.view())) break;
+      const int status = respond(parsed.request, body, &released);
+      const bool sent = sendAnswer(fd, status, body.view());
+      released.clear();  // evicted results are freed once the client has its answer
+      if (!sent) break;
       if (!parsed.request.keepAlive) {
         if (parsed.request.bodyTooLarge) lingeringClose(fd);
         break;

@@ -83,7 +83,9 @@ class HTTPServer {
   HttpResponse respond(const HttpRequest& request);
   // The same answer with its body written into `body` (cleared first), so a
   // connection reuses one buffer for all its answers; returns the status.
-  int respond(const HttpRequest& request, ByteBuffer& body);
+  // Results a new query evicts go to `released` when given, so the caller
+  // can free them after sending the answer.
+  int respond(const HttpRequest& request, ByteBuffer& body, ResultStore::Released* released = nullptr);
 
   ResultStore& results() noexcept { return results_; }
 
@@ -91,9 +93,9 @@ class HTTPServer {
   struct Connections;
 
   // Each returns the status and writes the body into `body`.
-  int route(const HttpRequest& request, ByteBuffer& body);
+  int route(const HttpRequest& request, ByteBuffer& body, ResultStore::Released* released);
   HttpResponse status();
-  HttpResponse createQuery(const HttpRequest& request);
+  HttpResponse createQuery(const HttpRequest& request, ResultStore::Released* released);
   int readPage(const HttpRequest& request, std::string_view id, ByteBuffer& body);
   HttpResponse deleteQuery(const std::string& id);
   bool authorized(const HttpRequest& request) const;

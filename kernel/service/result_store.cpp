@@ -49,7 +49,7 @@ void ResultStore::purge(std::int64_t now, Entries& released) {
   entries_ = std::move(kept);
 }
 
-ResultStore::Entry ResultStore::add(Column<std::int32_t> rows, std::string sort, double searchMs) {
+ResultStore::Entry ResultStore::add(Column<std::int32_t> rows, std::string sort, double searchMs, Released* handOver) {
   // Declared before the guard, so evicted results are freed after the lock
   // is let go: freeing tens of megabytes of ids takes milliseconds, which
   // page reads should not wait for.
@@ -75,6 +75,8 @@ ResultStore::Entry ResultStore::add(Column<std::int32_t> rows, std::string sort,
 
   Entry entry{randomId(), std::move(rows), std::move(sort), searchMs, now + limits_.ttlMillis};
   entries_.emplace_back(entry.id, entry);
+  if (handOver != nullptr)
+    for (auto& item : released) handOver->push_back(std::move(item.second.rows));
   return entry;
 }
 

@@ -54,8 +54,15 @@ class ResultStore {
   ResultStore(const ResultStore&) = delete;
   ResultStore& operator=(const ResultStore&) = delete;
 
-  // Stores a new result, evicting the oldest entries as needed, and returns it.
-  Entry add(Column<std::int32_t> rows, std::string sort, double searchMs);
+  // Row columns of dropped results, for the caller to free when it suits it.
+  using Released = std::vector<Column<std::int32_t>>;
+
+  // Stores a new result, evicting the oldest entries as needed, and returns
+  // it. The row columns of the entries it drops go to `released` when given
+  // (freeing millions of ids takes milliseconds, which a caller may rather
+  // spend after answering); otherwise they are freed before add returns,
+  // after the lock is let go.
+  Entry add(Column<std::int32_t> rows, std::string sort, double searchMs, Released* released = nullptr);
   // The entry with exactly this id, its expiry renewed; nothing when unknown or expired.
   std::optional<Entry> get(const std::string& id);
   // Removes the entry with this id if there is one (no purge).

@@ -196,6 +196,33 @@ TEST(ResultStore, DroppedResultsAreFreedWhenTheCallReturns) {
   }
 }
 
+// With a hand-over list, the rows of evicted and expired results outlive add()
+// in that list, and only there.
+TEST(ResultStore, AddHandsDroppedRowsToTheCaller) {
+  ManualClock clock;
+  ResultStore store(ResultStore::Limits{}, clock.function());
+  std::vector<std::weak_ptr<const void>> watches;
+  auto tracked = [&watches](std::int32_t value) {
+    auto owner = std::make_shared<const std::vector<std::int32_t>>(std::vector<std::int32_t>{value});
+    watches.push_back(owner);
+    return Column<std::int32_t>(owner->data(), owner->size(), owner);
+  };
+  const std::string expiring = store.add(tracked(0), "name-asc", 1).id;
+  clock.advance(store.limits().ttlMillis);  // the first result expires now
+  for (std::int32_t i = 1; i <= 4; ++i) store.add(tracked(i), "name-asc", 1);
+
+  ResultStore::Released released;
+  store.add(rowsOf(2), "name-asc", 1, &released);  // evicts the result of 1
+  ASSERT_EQ(released.size(), 1u);
+  EXPECT_EQ(released[0][0], 1);
+  EXPECT_TRUE(watches[0].expired()) << "purged by an add without a hand-over list";
+  EXPECT_FALSE(watches[1].expired()) << "held by the hand-over list";
+  EXPECT_FALSE(store.get(expiring));
+  released.clear();
+  EXPECT_TRUE(watches[1].expired());
+  for (std::size_t i = 2; i < watches.size(); ++i) EXPECT_FALSE(watches[i].expired()) << i;
+}
+
 TEST(ResultStore, ConcurrentUseKeepsTheBounds) {
   ResultStore store;
   std::vector<std::thread> threads;
