@@ -170,34 +170,63 @@ class Evaluator {
 
   // The merged numeric filter with its columns resolved once: per row a type
   // bit and, per field, one load and two comparisons, all inlined.
+  // One field of the merged numeric filter, as a branch-free test: a value
+  // passes when it is unknown if unknown values are wanted, and lies in
+  // low ..= low + span if known ones are (both wanted: nothing passes).
+  struct NumericField {
+    const std::uint64_t* values = nullptr;
+    bool wantUnknown = false;
+    bool wantKnown = false;
+    std::uint64_t low = 0;
+    std::uint64_t span = 0;
+  };
+
+  template <std::size_t N>
+  Bitset numericRows(const std::array<NumericField, 4>& fields, int types, const Bitset* pool) const {
+    const std::uint32_t* tags = catalog_.parts().parentTags.data();
+    return perRow(pool, [&](std::int32_t r) {
+      const unsigned folder = (tags[r] & kFolderBit) != 0 ? 1u : 0u;
+      bool ok = ((static_cast<unsigned>(types) >> folder) & 1u) != 0;
+      for (std::size_t i = 0; i < N; ++i) {
+        const NumericField& f = fields[i];
+        const std::uint64_t v = f.values[r];
+        const bool unknown = v == kUnknown64;
+        ok &= (!f.wantUnknown || unknown) & (!f.wantKnown || (!unknown & (v - f.low <= f.span)));
+      }
+      return ok;
+    });
+  }
+
+  // The merged numeric filter with its columns resolved once: per row a type
+  // bit and, per field, one load and two comparisons, without branches. A
+  // field whose column the catalog lacks (every value unknown) is decided
+  // here, once.
   Bitset numeric(const Query::NumericFilter& filter, const Bitset* pool) const {
-    struct Field {
-      const std::uint64_t* values;  // null: the column is absent (all unknown)
-      Query::Bounds bounds;
-    };
     const Catalog::Parts& parts = catalog_.parts();
-    std::array<Field, 4> fields{};
+    std::array<NumericField, 4> fields{};
     std::size_t count = 0;
+    bool never = false;
     auto add = [&](int bit, const std::uint64_t* values, const Query::Bounds& bounds) {
-      if (filter.fields & bit) fields[count++] = {values, bounds};
+      if ((filter.fields & bit) == 0) return;
+      if (bounds.known && bounds.high < bounds.low) never = true;
+      if (values == nullptr) {
+        never = never || bounds.known;  // an unknown value is never in range
+        return;                         // and is always unknown
+      }
+      fields[count++] = {values, bounds.unknown, bounds.known, bounds.low, bounds.high - bounds.low};
     };
     add(1, parts.sizes.data(), filter.size);
     add(2, parts.modifiedTimes.data(), filter.modified);
     add(4, parts.createdTimes ? parts.createdTimes->data() : nullptr, filter.created);
     add(8, parts.allocations ? parts.allocations->data() : nullptr, filter.allocated);
-    const std::uint32_t* tags = parts.parentTags.data();
-    const int types = filter.types;
-    return perRow(pool, [&](std::int32_t r) {
-      const int type = (tags[r] & kFolderBit) != 0 ? 2 : 1;
-      if ((types & type) == 0) return false;
-      for (std::size_t i = 0; i < count; ++i) {
-        const Field& f = fields[i];
-        const std::uint64_t v = f.values != nullptr ? f.values[r] : kUnknown64;
-        if (f.bounds.unknown && v != kUnknown64) return false;
-        if (f.bounds.known && (v == kUnknown64 || v < f.bounds.low || v > f.bounds.high)) return false;
-      }
-      return true;
-    });
+    if (never || (filter.types & 3) == 0) return Bitset(n_);
+    switch (count) {
+      case 0: return numericRows<0>(fields, filter.types, pool);
+      case 1: return numericRows<1>(fields, filter.types, pool);
+      case 2: return numericRows<2>(fields, filter.types, pool);
+      case 3: return numericRows<3>(fields, filter.types, pool);
+      default: return numericRows<4>(fields, filter.types, pool);
+    }
   }
 
   Bitset literal(const Step& step, const Bitset* pool) const {

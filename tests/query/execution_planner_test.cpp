@@ -432,7 +432,12 @@ TEST(QueryOptimizer, MergedNumericFilterAgreesWithItsTerms) {
   const auto index = indexOf(entries);
   const std::vector<std::string> combos = {"file: size:>0",     "folder: size:unknown", "size:unknown",
                                            "size:1kb size:<=1024", "size:>10 size:<10",  "file: folder:",
-                                           "size:unknown size:0", "dm:>1960 size:<5000", "size:<=1024 dc:unknown"};
+                                           "size:unknown size:0", "dm:>1960 size:<5000", "size:<=1024 dc:unknown",
+                                           // Columns this catalog lacks (every value unknown), empty ranges,
+                                           // a range at the top of the value space.
+                                           "dc:2020", "file: size-on-disk:unknown", "size-on-disk:>0 size:>0",
+                                           "size:5000..1", "size:>=5000 size:<=5000", "size:>18446744073709551614",
+                                           "folder: dm:unknown"};
   for (const std::string& q : combos) {
     auto root = Query::parse(utf16(q), index->compatibility(), PathFlavor::posix);
     Query::markSizeSemantics(*root, false);
