@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "core/platform/system_info.h"
+#include "kernel/sources/load_progress.h"
 
 namespace tarv::sources {
 
@@ -13,6 +14,10 @@ int workerCount(const ReadOptions& options, int limit) {
   // parsing run beside the single-threaded catalog builder.
   int processors = platform::activeProcessorCount();
   return processors < 2 ? 0 : std::min(processors, limit);
+}
+
+void reportBatch(ByteSource::FilePosition at, std::uint64_t recordsBefore, bool hasRecords) noexcept {
+  if (hasRecords) LoadProgress::advance(at.done, at.total, recordsBefore);
 }
 
 std::size_t ChunkCutter::firstEnd(std::size_t from) const {

@@ -21,6 +21,7 @@
 
 #include <condition_variable>
 #include <cstddef>
+#include <cstdint>
 #include <cstring>
 #include <exception>
 #include <memory>
@@ -76,6 +77,13 @@ class ChunkCutter {
   bool finished_ = false;   // the last chunk was handed out
   std::exception_ptr failure_;  // a source failure after the chunk handed out
 };
+
+// Reports a reader's progress for a batch about to be added: the file read
+// through its chunk and the records added before it, as a reader that
+// reports before each block would. Batches without records (the empty last
+// chunk of a file ending with a record end) report nothing. Call it on the
+// loading thread, and only when LoadProgress::active().
+void reportBatch(ByteSource::FilePosition at, std::uint64_t recordsBefore, bool hasRecords) noexcept;
 
 template <class Parser, class Batch>
 class ChunkPipeline {

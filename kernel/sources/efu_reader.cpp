@@ -297,6 +297,8 @@ Catalog load(const std::filesystem::path& url, const std::string& sourceId, cons
     sources::ChunkPipeline<LineParser, Batch> pipeline(source, "\n\r", /*skipFirstLine=*/true, options,
                                                        sources::workerCount(options, kMaxWorkers), progress, setup);
     while (const Batch* batch = pipeline.next()) {
+      if (progress)
+        sources::reportBatch(pipeline.position(), static_cast<std::uint64_t>(builder.count()), !batch->records.empty());
       const Record* records = batch->records.data();
       std::size_t count = batch->records.size();
       const Unit* units = batch->units.data();
@@ -312,10 +314,6 @@ Catalog load(const std::filesystem::path& url, const std::string& sourceId, cons
         // A path that is already present is dropped silently: exports repeat entries.
         builder.add(prepared(r), r.folder, r.size, r.modified, r.created, extension, /*kind=*/0, kUnknown64,
                     std::nullopt);
-      }
-      if (progress) {
-        ByteSource::FilePosition at = pipeline.position();
-        LoadProgress::advance(at.done, at.total, static_cast<std::uint64_t>(builder.count()));
       }
     }
   }

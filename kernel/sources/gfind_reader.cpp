@@ -292,6 +292,8 @@ Catalog load(const std::filesystem::path& url, const std::string& sourceId, cons
                                                          options, sources::workerCount(options, kMaxWorkers), progress,
                                                          setup);
     while (const Batch* batch = pipeline.next()) {
+      if (progress)
+        sources::reportBatch(pipeline.position(), static_cast<std::uint64_t>(number), !batch->records.empty());
       const Unit* units = batch->units.data();
       const Record* records = batch->records.data();
       std::size_t count = batch->records.size();
@@ -309,10 +311,6 @@ Catalog load(const std::filesystem::path& url, const std::string& sourceId, cons
       }
       if (batch->problem)
         throw KernelError::io("Gfind record " + std::to_string(number + 1) + ": " + batch->problem);
-      if (progress) {
-        ByteSource::FilePosition at = pipeline.position();
-        LoadProgress::advance(at.done, at.total, static_cast<std::uint64_t>(number));
-      }
     }
   }
   source.close();

@@ -163,16 +163,13 @@ Catalog load(const std::filesystem::path& url, const std::string& sourceId, cons
       failOnInvalidUtf8(*batch);
       if (first && batch->emptyText) throw KernelError::io("Empty snapshot");
       first = false;
+      if (progress) sources::reportBatch(pipeline.position(), recordNumber, !batch->records.empty());
       try {
         addRecords(*batch, recordNumber, builder);
       } catch (const KernelError&) {
         setup.checkOnly = true;
         while (const Batch* rest = pipeline.next()) failOnInvalidUtf8(*rest);
         throw;
-      }
-      if (progress) {
-        ByteSource::FilePosition at = pipeline.position();
-        LoadProgress::advance(at.done, at.total, recordNumber);
       }
     }
   }
