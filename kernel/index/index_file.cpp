@@ -151,6 +151,13 @@ IndexFile::Reader::Reader(const std::filesystem::path& url) {
   const auto length = static_cast<std::size_t>(info.st_size);
   void* address = ::mmap(nullptr, length, PROT_READ, MAP_PRIVATE, file.fd, 0);
   if (address == MAP_FAILED) throw KernelError::io("Cannot map index file");
+  // Columns are scanned in hundreds of megabytes. Read in through a mapping
+  // that asks for large pages, the file stays in the page cache in 2 MiB
+  // pieces that later processes map one table entry each: a scan then takes
+  // a few hundred faults instead of tens of thousands, and unmapping at exit
+  // (which otherwise costs a process tens of milliseconds after a broad
+  // search) becomes nearly free. A hint only; refusal changes nothing.
+  ::madvise(address, length, MADV_HUGEPAGE);
   auto mapping = std::make_shared<const Mapping>(address, length);
   ::close(file.fd);
   file.fd = -1;
