@@ -218,16 +218,20 @@ std::int64_t scanUnits(const Catalog& catalog, const UnitSet& set, std::int64_t 
   const std::int32_t* starts = catalog.parts().nameStarts.data();
   // Offsets come from a mapped file and are trusted for nothing: each batch
   // reads the units between its first and last offset (kept inside the
-  // column), and a row's range is cut to that window, so a damaged file
-  // gives wrong rows, never a read outside the units or unbounded work.
+  // column, and never before the previous batch's end), and a row's range
+  // is cut to that window, so a damaged file gives wrong rows, never a read
+  // outside the units, and all batches together read the column once (and
+  // at most one block again per batch).
   const std::size_t size = catalog.parts().names.size();
   auto offset = [&](std::int64_t row) { return std::min<std::size_t>(static_cast<std::uint32_t>(starts[row]), size); };
   std::vector<std::uint64_t> masks;
   std::int64_t found = 0;
+  std::size_t readUpTo = 0;
   for (std::int64_t batch = begin; batch < end; batch += kScanBatchRows) {
     const std::int64_t batchEnd = std::min(end, batch + kScanBatchRows);
-    const std::size_t lo = offset(batch);
+    const std::size_t lo = std::max(offset(batch), readUpTo);
     const std::size_t hi = std::max(lo, offset(batchEnd));
+    readUpTo = hi;
     const std::size_t base = lo & ~std::size_t(63);
     // One word more than the units need: anyBit reads a word ahead.
     masks.assign((hi - base + 63) / 64 + 1, 0);
