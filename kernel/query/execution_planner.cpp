@@ -180,12 +180,16 @@ class Compiler {
   // (a bigram mask, then the survivors' names); the others read a column
   // word, a group list or a precomputed answer.
   static constexpr std::int64_t kNameReadCost = 8;
+  // Literals whose bigram mask has this many bits or more skip the unit
+  // masks (measured on a large package tree: "x86_64-linux-gnu" and long
+  // words lost time to the second column, "zlib" and "libc" gained).
+  static constexpr int kUnitMaskGramLimit = 8;
   std::int64_t costOf(const Step& step) const noexcept {
     switch (step.method) {
+      case Method::units: return step.unitBit >= 0 ? 1 : kNameReadCost;
       case Method::literal:
       case Method::literalOr:
       case Method::pattern:
-      case Method::units:
       case Method::path: return kNameReadCost;
       case Method::negate:
       case Method::allOf:
@@ -282,11 +286,22 @@ class Compiler {
         step.units = *set;
         step.method = Method::units;
         step.estimate = n / 2;
+        // A folded unit with a bit of its own: the stored unit masks answer
+        // for every row, no name is read.
+        if (!term.sensitive && index_.unitBitIsExact(term.text[0]))
+          step.unitBit = SearchIndex::unitBit(term.text[0]);
         return;
       }
     }
     step.method = Method::literal;
     step.mask = term.nameGrams;
+    // A matching name holds every unit of the text: as typed (sensitive,
+    // folded here like the names' units) or one that folds to it. Worth a
+    // second column read only for short texts: the bigrams of a long one
+    // leave few rows anyway.
+    if (std::popcount(step.mask) < kUnitMaskGramLimit)
+      step.unitMask = term.sensitive ? SearchIndex::unitMask(index_.compatibility(), term.text)
+                                     : SearchIndex::foldedUnitMask(term.text);
     step.estimate = n / 16;
     step.firsts.push_back(units().of(term.text[0], term.sensitive));
   }

@@ -15,11 +15,15 @@
 //   "none"          provably empty (ext: of an extension no row has, an
 //                   unmatched parent: or volume-label:, ...): no row read.
 //   "name-literal"  a plain name text: rows whose name-bigram mask lacks a
-//                   bit of the text's mask are skipped unread; the others
-//                   are searched for the text (first unit, then the rest).
+//                   bit of the text's mask, or whose name-unit mask lacks
+//                   one of its units, are skipped unread; the others are
+//                   searched for the text (first unit, then the rest).
 //   "literal-or"    an or of name literals, all tested in one such pass.
-//   "name-units"    a one-unit name text: the name units of all rows are
-//                   scanned in bulk for the units that fold to it.
+//   "name-units"    a one-unit name text: when the folded unit has a
+//                   name-unit bit of its own, that bit of each row is the
+//                   answer; otherwise (and for case: terms) the name units
+//                   of all rows are scanned in bulk for the units that fold
+//                   to it.
 //   "name-prefix"   a pattern or whole name with a literal start: a binary
 //                   search in the name order gives the candidates.
 //   "name-suffix"   a pattern with a literal end (*.so): a binary search in

@@ -132,10 +132,12 @@ class Evaluator {
     return out;
   }
 
-  // Rows whose name-bigram mask holds `mask`, in the pool, then `test`.
+  // Rows whose name-bigram mask holds `mask` and whose name-unit mask holds
+  // `unitMask`, in the pool, then `test`.
   template <class Test>
-  Bitset maskScan(const Bitset* pool, std::uint64_t mask, Test test) const {
+  Bitset maskScan(const Bitset* pool, std::uint64_t mask, Test test, std::uint64_t unitMask = 0) const {
     const std::uint64_t* masks = index_.nameGramMasks().data();
+    const std::uint64_t* unitMasks = index_.nameUnitMasks().data();
     Bitset out(n_);
     std::uint64_t* words = out.words().data();
     Parallel::chunks(n_, 64, minimum_, [&](std::int64_t begin, std::int64_t end) {
@@ -149,8 +151,13 @@ class Evaluator {
         // Branch-free over the word's masks, then the few survivors.
         std::uint64_t held = 0;
         const std::int64_t count = std::min<std::int64_t>(64, n_ - first);
-        for (std::int64_t i = 0; i < count; ++i)
-          held |= std::uint64_t((masks[first + i] & mask) == mask) << i;
+        if (unitMask == 0) {
+          for (std::int64_t i = 0; i < count; ++i) held |= std::uint64_t((masks[first + i] & mask) == mask) << i;
+        } else {
+          for (std::int64_t i = 0; i < count; ++i)
+            held |= std::uint64_t(((masks[first + i] & mask) == mask) & ((unitMasks[first + i] & unitMask) == unitMask))
+                    << i;
+        }
         candidates &= held;
         // The survivors' names lie scattered in the names column, one cache
         // miss each: ask for all of them before reading the first, so the
@@ -233,16 +240,21 @@ class Evaluator {
     const Term& term = *step.term;
     const TextView text = term.text;
     if (term.whole)
-      return maskScan(pool, step.mask, [&](std::int32_t r) { return Query::textMatches(term, catalog_.nameUnits(r), table_); });
+      return maskScan(
+          pool, step.mask, [&](std::int32_t r) { return Query::textMatches(term, catalog_.nameUnits(r), table_); },
+          step.unitMask);
     if (!step.firsts.empty() && step.firsts.front()) {
       const name_literal::UnitSet& first = *step.firsts.front();
-      return maskScan(pool, step.mask,
-                      [&](std::int32_t r) { return name_literal::contains(catalog_.nameUnits(r), text, first, fold_); });
+      return maskScan(
+          pool, step.mask,
+          [&](std::int32_t r) { return name_literal::contains(catalog_.nameUnits(r), text, first, fold_); },
+          step.unitMask);
     }
     const bool sensitive = term.sensitive;
-    return maskScan(pool, step.mask, [&](std::int32_t r) {
-      return name_literal::contains(catalog_.nameUnits(r), text, sensitive, fold_);
-    });
+    return maskScan(
+        pool, step.mask,
+        [&](std::int32_t r) { return name_literal::contains(catalog_.nameUnits(r), text, sensitive, fold_); },
+        step.unitMask);
   }
 
   Bitset literalOr(const Step& step, const Bitset* pool) const {
@@ -263,7 +275,30 @@ class Evaluator {
     });
   }
 
+  // Rows of the pool whose name-unit mask has `bit`: 8 bytes a row, no name.
+  Bitset unitBitRows(int bit, const Bitset* pool) const {
+    const std::uint64_t* masks = index_.nameUnitMasks().data();
+    Bitset out(n_);
+    std::uint64_t* words = out.words().data();
+    Parallel::chunks(n_, 64, minimum_, [&](std::int64_t begin, std::int64_t end) {
+      for (std::int64_t w = begin >> 6; w << 6 < end; ++w) {
+        const std::int64_t first = w << 6;
+        const std::uint64_t candidates = poolWord(pool, w);
+        if (candidates == 0) {
+          words[w] = 0;
+          continue;
+        }
+        std::uint64_t held = 0;
+        const std::int64_t count = std::min<std::int64_t>(64, n_ - first);
+        for (std::int64_t i = 0; i < count; ++i) held |= ((masks[first + i] >> bit) & 1) << i;
+        words[w] = held & candidates;
+      }
+    });
+    return out;
+  }
+
   Bitset units(const Step& step, const Bitset* pool) const {
+    if (step.unitBit >= 0) return unitBitRows(step.unitBit, pool);
     // A sparse pool is cheaper to test row by row than to scan all names.
     if (pool && pool->count() * 8 < n_) {
       const Term& term = *step.term;

@@ -93,6 +93,9 @@ struct ExecutionPlanner::Filter {
     const Query::Term* term = nullptr;
     std::int64_t estimate = 0;  // rows the step may select, for ordering
     std::uint64_t mask = 0;     // literal, pattern: the name-bigram bits
+    std::uint64_t unitMask = 0;  // literal: the name-unit bits the text needs
+    // units: the name-unit bit that alone decides each row, or -1 (scan).
+    int unitBit = -1;
     name_literal::UnitSet units;  // units: the units to scan for
     // literal, literalOr: the first unit of each text, when a set holds it.
     std::vector<std::optional<name_literal::UnitSet>> firsts;

@@ -1,9 +1,9 @@
 #pragma once
 // SearchIndex: the structures derived once from one catalog that make
 // searches fast: the stored sort orders, the path rank of every parent text,
-// per-row extension ids and name-bigram masks, per-parent counts and the
-// parent prefix order, the drive lists, the rows whose names hold a
-// separator, and the name-ordered candidate lists.
+// per-row extension ids, name-bigram masks and name-unit masks, per-parent
+// counts and the parent prefix order, the drive lists, the rows whose names
+// hold a separator, and the name-ordered candidate lists.
 //
 // Built from a catalog (all per-row work on the worker pool) or mapped from an
 // index file without copying and in constant time whatever the record count.
@@ -37,6 +37,7 @@
 // start with a folded prefix form one range. parentRowCounts: per parent
 // index, the rows directly in it.
 
+#include <array>
 #include <cstdint>
 #include <memory>
 #include <mutex>
@@ -61,7 +62,7 @@ class SearchIndex {
   static constexpr std::uint16_t kExtensionOverflow = 65535;
   // The layout of the sections below, kept in the meta value "indexLayout";
   // a file of another layout is refused (and a cache file rebuilt).
-  static constexpr int kLayout = 2;
+  static constexpr int kLayout = 3;
 
   // Builds every structure. Runs on the calling thread and one helper thread
   // of its own (the orders and the name-side tables are built side by side),
@@ -122,6 +123,24 @@ class SearchIndex {
   // (h ^ (h >> 16)) & 63 of h = search[b] + search[a] * 65599; 0 below 2 units.
   static std::uint64_t gramMask(const Compatibility& compatibility, TextView units) noexcept;
 
+  // Per row, bit unitBit(f) set for the folded value f of every unit of the
+  // name (NUL and unpaired surrogates included). The common folded units of
+  // names have bits of their own: the letters (either case: a table folds
+  // to one of them), the digits and the frequent punctuation; every other
+  // unit shares one of the last kHashedUnitBits bits by a hash.
+  const Column<std::uint64_t>& nameUnitMasks() const noexcept { return nameUnitMasks_; }
+  static constexpr int kHashedUnitBits = 20;
+  static int unitBit(Unit folded) noexcept;
+  // The unit mask of `units`, each unit folded through `compatibility`.
+  static std::uint64_t unitMask(const Compatibility& compatibility, TextView units) noexcept;
+  // The unit mask of units that are already folded.
+  static std::uint64_t foldedUnitMask(TextView folded) noexcept;
+  // Whether a row's unit mask tells exactly whether its name holds a unit
+  // that folds to `folded`: no other value of the fold table shares its bit.
+  bool unitBitIsExact(Unit folded) const noexcept {
+    return exactUnits_[static_cast<std::size_t>(unitBit(folded))] == static_cast<std::int32_t>(folded);
+  }
+
   const Column<std::int32_t>& parentPrefixOrder() const noexcept { return parentPrefixOrder_; }
   const Column<std::int32_t>& parentRowCounts() const noexcept { return parentRowCounts_; }
   const Column<std::int64_t>& exceptionalDriveParents() const noexcept { return driveParents_; }
@@ -152,6 +171,7 @@ class SearchIndex {
     std::vector<std::vector<std::int32_t>> classMembers;
   };
   const ExtensionTables& extensionTables() const;
+  void findExactUnits() noexcept;
 
   CatalogPtr catalog_;
   std::shared_ptr<const Compatibility> compatibility_;
@@ -161,6 +181,10 @@ class SearchIndex {
   Column<std::uint16_t> extensionIds_;
   Column<std::uint16_t> encodedExtensions_;  // the "extensions" section, decoded on first use
   Column<std::uint64_t> nameGramMasks_;
+  Column<std::uint64_t> nameUnitMasks_;
+  // Per unit bit, the one folded value that maps to it, or -1 when none or
+  // several do.
+  std::array<std::int32_t, 64> exactUnits_{};
   Column<std::int64_t> extensionCounts_;
   Column<std::int32_t> parentPrefixOrder_;
   Column<std::int32_t> parentRowCounts_;

@@ -307,13 +307,22 @@ class QueryMaker {
 
   std::string word() {
     std::string text;
-    switch (random_.below(7)) {
+    switch (random_.below(9)) {
       case 0: text = random_.pick(world_.names); break;
       case 1: text = substring(random_.pick(world_.names)); break;
       case 2: text = flipCase(substring(random_.pick(world_.names))); break;
       case 3: text = random_.pick(std::vector<std::string>{"re", "ME", "a", "txt", ".", "é", "É", "ss", "ß", "日本", "😀", "x"}); break;
       case 4: text = substring(random_.pick(world_.paths)); break;
       case 5: text = withWildcards(substring(random_.pick(world_.names))); break;
+      case 6:
+      case 7: {
+        // One unit: letters and digits in either case, punctuation, and
+        // units that fold to letters or to nothing common.
+        static const std::string kAscii = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789.-_ +~@=!";
+        text = random_.chance(0.5) ? std::string(1, kAscii[static_cast<std::size_t>(random_.below(kAscii.size()))])
+                                   : random_.pick(kUnits);
+        break;
+      }
       default: text = withWildcards(random_.pick(world_.names)); break;
     }
     return quoted(text);

@@ -6,6 +6,7 @@
 #include <bit>
 #include <cstdlib>
 #include <functional>
+#include <random>
 #include <set>
 #include <string>
 #include <vector>
@@ -44,6 +45,92 @@ TEST(NameGramMask, EdgeCases) {
     const auto literal = SearchIndex::gramMask(*table, part);
     EXPECT_EQ(name & literal, literal) << utf8(part);
   }
+}
+
+// Random names over units that matter to the unit masks: both letter
+// cases, digits, punctuation with and without bits of their own, units that
+// fold to a letter, unpaired surrogates, NUL, and any unit at all.
+std::vector<Text> randomUnitNames(std::uint32_t seed, int count) {
+  static const Text kAlphabet = [] {
+    Text units = u"abcxyzAEQZ019.-_ +~@=!\u00E9\u00C9\u00DF\u65E5\uFFFF";
+    for (const Unit u : {0x0000, 0xD800, 0xDBFF, 0xDC00}) units += u;
+    return units;
+  }();
+  std::mt19937 random(seed);
+  std::vector<Text> names;
+  for (int i = 0; i < count; ++i) {
+    Text name;
+    const auto length = random() % 10;
+    for (std::uint32_t k = 0; k < length; ++k)
+      name += random() % 8 == 0 ? static_cast<Unit>(random() % 65536) : kAlphabet[random() % kAlphabet.size()];
+    names.push_back(std::move(name));
+  }
+  return names;
+}
+
+SearchIndex unitIndex(const std::vector<Text>& names, std::shared_ptr<const Compatibility> table) {
+  std::vector<SyntheticRecord> records;
+  for (const Text& name : names) {
+    SyntheticRecord r;
+    r.parent = u"/";
+    r.name = name;
+    records.push_back(std::move(r));
+  }
+  return SearchIndex(makeCatalog(records), std::move(table));
+}
+
+// Per row and per folded unit f: a name holding a unit that folds to f has
+// f's bit (the mask never rejects a match), and where the index calls f's
+// bit exact, the bit is set for no other name.
+void expectUnitMasksAgree(const SearchIndex& index, const std::vector<Text>& names) {
+  const Compatibility& t = index.compatibility();
+  std::set<Unit> folded;
+  for (const Text& name : names)
+    for (Unit u : name) folded.insert(t.fold(u));
+  for (const char16_t* extra : {u"a", u"e", u"A", u"E", u"7", u".", u"q"}) folded.insert(extra[0]);
+  ASSERT_EQ(index.nameUnitMasks().size(), names.size());
+  for (std::size_t r = 0; r < names.size(); ++r) {
+    const std::uint64_t mask = index.nameUnitMasks()[r];
+    for (const Unit f : folded) {
+      const bool holds = std::ranges::any_of(names[r], [&](Unit u) { return t.fold(u) == f; });
+      const bool bit = (mask >> SearchIndex::unitBit(f) & 1) != 0;
+      ASSERT_TRUE(bit || !holds) << "row " << r << " unit " << int(f);
+      ASSERT_TRUE(bit == holds || !index.unitBitIsExact(f)) << "row " << r << " unit " << int(f);
+    }
+  }
+}
+
+TEST(NameUnitMask, AgreesWithTheFoldOnRandomNames) {
+  const auto names = randomUnitNames(5, 4000);
+  const SearchIndex index = unitIndex(names, syntheticTable());
+  expectUnitMasksAgree(index, names);
+  // The common folded units are decided by their bit; "e" too, although
+  // e-acute folds to it; "E" is no folded value here, so its bit (shared
+  // with "e") decides nothing for it.
+  for (const char16_t* unit : {u"a", u"e", u"z", u"0", u"9", u".", u"-", u"_", u" ", u"+", u"~", u"@", u"="})
+    EXPECT_TRUE(index.unitBitIsExact(unit[0])) << utf8(unit);
+  EXPECT_FALSE(index.unitBitIsExact(u'E'));
+  EXPECT_FALSE(index.unitBitIsExact(u'\u00E9'));
+  EXPECT_NE(SearchIndex::unitBit(u'.'), SearchIndex::unitBit(u'-'));
+  // A name without units has no bit; the folded mask of a query text is the
+  // names' mask of the same units.
+  EXPECT_EQ(SearchIndex::unitMask(*syntheticTable(), u""), 0u);
+  EXPECT_EQ(SearchIndex::unitMask(*syntheticTable(), u"R\u00C9ADME"), SearchIndex::foldedUnitMask(u"readme"));
+}
+
+// A table that folds neither case onto the other: "a" and "A" are both
+// folded values and share a bit, so neither is decided by it.
+TEST(NameUnitMask, SharedBitsDecideNothing) {
+  auto identity = std::make_unique<Compatibility::Table>();
+  for (std::uint32_t u = 0; u < 65536; ++u) (*identity)[u] = static_cast<std::uint16_t>(u);
+  const auto table = Compatibility::fromTables(*identity, *identity, *identity);
+  const auto names = randomUnitNames(9, 2000);
+  const SearchIndex index = unitIndex(names, table);
+  expectUnitMasksAgree(index, names);
+  EXPECT_FALSE(index.unitBitIsExact(u'a'));
+  EXPECT_FALSE(index.unitBitIsExact(u'A'));
+  EXPECT_TRUE(index.unitBitIsExact(u'7'));
+  EXPECT_TRUE(index.unitBitIsExact(u'.'));
 }
 
 // Everything the index derives, checked against a plain computation.
@@ -255,7 +342,7 @@ TEST(SearchIndex, StoredKeysFollowTheOptionalColumns) {
   for (const auto& s : reader.meta()["sections"]) written.push_back(s["name"]);
   EXPECT_EQ(written, (std::vector<std::string>{"p.parentRanks", "p.order.name", "p.order.path", "p.order.size",
                                                "p.order.modified", "p.extensionIds", "p.extensions", "p.nameGrams",
-                                               "p.parentPrefixOrder", "p.parentRowCounts", "p.driveParents",
+                                               "p.nameUnits", "p.parentPrefixOrder", "p.parentRowCounts", "p.driveParents",
                                                "p.driveNames", "p.separatorNames", "p.nulNames", "p.reverseOrder",
                                                "p.extensionCounts"}));
 }
@@ -292,6 +379,8 @@ TEST(SearchIndex, WriteThenReadIsIdentity) {
     EXPECT_EQ(read.extensionMap(), built.extensionMap());
     EXPECT_EQ(read.extensionClasses(), built.extensionClasses());
     EXPECT_EQ(values(read.nameGramMasks()), values(built.nameGramMasks()));
+    EXPECT_TRUE(inMapping(read.nameUnitMasks().data()));
+    EXPECT_EQ(values(read.nameUnitMasks()), values(built.nameUnitMasks()));
     EXPECT_EQ(values(read.parentPrefixOrder()), values(built.parentPrefixOrder()));
     EXPECT_EQ(values(read.parentRowCounts()), values(built.parentRowCounts()));
     EXPECT_EQ(values(read.exceptionalDriveParents()), values(built.exceptionalDriveParents()));
@@ -347,6 +436,10 @@ TEST(SearchIndex, ReadingRejectsSectionsThatDoNotFit) {
        bad + "parentRowCounts"},
       {"grams one short", section("nameGrams", std::vector<std::uint64_t>(static_cast<std::size_t>(n) - 1, 0)),
        bad + "nameGrams"},
+      {"unit masks one short", section("nameUnits", std::vector<std::uint64_t>(static_cast<std::size_t>(n) - 1, 0)),
+       bad + "nameUnits"},
+      {"unit masks one long", section("nameUnits", std::vector<std::uint64_t>(static_cast<std::size_t>(n) + 1, 0)),
+       bad + "nameUnits"},
       {"extension ids one short", section("extensionIds", std::vector<std::uint16_t>(static_cast<std::size_t>(n) - 1, 0)),
        bad + "extensionIds"},
       {"more NUL names than rows", section("nulNames", std::vector<std::int32_t>(static_cast<std::size_t>(n) + 1, 0)),
