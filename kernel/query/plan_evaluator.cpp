@@ -105,6 +105,10 @@ class Evaluator {
 
   static std::int64_t members(const Bitset* pool) { return pool ? pool->count() : -1; }
 
+  static bool firstUse(std::atomic<int>& uses) noexcept {
+    return uses.fetch_add(1, std::memory_order_relaxed) == 0;
+  }
+
   // Rows of the pool for which `test` holds, in parallel chunks of whole words.
   template <class Test>
   Bitset perRow(const Bitset* pool, Test test) const {
@@ -358,12 +362,22 @@ class Evaluator {
     const Term& term = *step.term;
     if (pool && pool->count() < step.estimate)
       return perRow(pool, [&](std::int32_t r) { return Query::matches(term, catalog_, r, table_); });
+    const auto& hits = *term.extensionHits;
+    if (firstUse(groups_.extensionUses)) {
+      const std::uint16_t* ids = index_.extensionIds().data();
+      std::vector<std::uint8_t> wanted(SearchIndex::kExtensionOverflow, 0);
+      for (std::size_t id = 0; id < hits.size() && id < wanted.size(); ++id) wanted[id] = hits[id] ? 1 : 0;
+      return perRow(pool, [&](std::int32_t r) {
+        const std::uint16_t id = ids[r];
+        if (id >= SearchIndex::kExtensionOverflow) return Query::matches(term, catalog_, r, table_);
+        return wanted[id] != 0 && !catalog_.isDirectory(r);
+      });
+    }
     std::call_once(groups_.extensionOnce, [&] {
       const std::uint16_t* ids = index_.extensionIds().data();
       groups_.byExtension = RowGroups::build(static_cast<std::int32_t>(n_), 65536, [&](std::int32_t r) { return ids[r]; });
     });
     Bitset out(n_);
-    const auto& hits = *term.extensionHits;
     auto file = [&](std::int32_t r) { return !catalog_.isDirectory(r); };
     for (std::size_t id = 0; id < hits.size() && id < SearchIndex::kExtensionOverflow; ++id)
       if (hits[id]) setCandidates(groups_.byExtension.of(id), pool, out, file);
@@ -385,6 +399,11 @@ class Evaluator {
     const auto& hits = *step.term->parentHits;
     if (pool && pool->count() < step.estimate)
       return perRow(pool, [&](std::int32_t r) { return static_cast<bool>(hits[catalog_.parentIndex(r)]); });
+    if (firstUse(groups_.parentUses))
+      return perRow(pool, [&](std::int32_t r) {
+        const auto p = static_cast<std::size_t>(catalog_.parentIndex(r));
+        return p < hits.size() && hits[p];
+      });
     ensureParents();
     Bitset out(n_);
     for (std::size_t p = 0; p < hits.size(); ++p)
@@ -420,7 +439,8 @@ class Evaluator {
     const auto& counts = index_.parentRowCounts();
     for (std::size_t p = 0; p < term.parentState.size(); ++p)
       if (open(term.parentState[p])) pending += p < counts.size() ? counts[p] : n_;
-    if (pending > n_ / 4 || (pool && pool->count() < pending)) return perRow(pool, separatorTest);
+    if (pending > n_ / 4 || (pool && pool->count() < pending) || firstUse(groups_.parentUses))
+      return perRow(pool, separatorTest);
     ensureParents();
     Bitset out(n_);
     for (std::size_t p = 0; p < term.parentState.size(); ++p) {

@@ -7,6 +7,7 @@
 // Plain data; built once per plan by one thread, then only read (the row
 // groups are filled once under their once_flags).
 
+#include <atomic>
 #include <array>
 #include <cstdint>
 #include <mutex>
@@ -59,7 +60,13 @@ struct RowGroups {
 
 }  // namespace planning
 
+// Row groups are built on a planner's second question that needs them: a
+// one-shot search answers its only question with a scan of the key column,
+// which is cheaper than grouping it, while a long-lived process (service,
+// MCP) pays for the groups once and then reads just the groups it asks for.
 struct ExecutionPlanner::Groups {
+  std::atomic<int> extensionUses{0};
+  std::atomic<int> parentUses{0};
   std::once_flag extensionOnce;
   std::once_flag parentOnce;
   planning::RowGroups byExtension;
