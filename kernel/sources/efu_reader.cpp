@@ -7,6 +7,7 @@
 
 #include "kernel/base/kernel_error.h"
 #include "kernel/catalog/catalog_builder.h"
+#include "kernel/sources/batched_path.h"
 #include "kernel/sources/byte_source.h"
 #include "kernel/sources/chunk_pipeline.h"
 #include "kernel/sources/load_progress.h"
@@ -97,12 +98,7 @@ std::string_view nextField(std::string_view line, std::size_t& position, std::st
 // One record as a parse worker hands it over; the path's units live in the
 // batch's shared buffer.
 struct Record {
-  std::size_t unitsStart;
-  std::uint32_t unitsLength;
-  std::uint32_t parentLength;  // the path split and hashed for the builder
-  std::uint32_t nameHash;
-  std::uint32_t parentHash;
-  bool sameParent;
+  sources::BatchedPath path;
   bool folder;
   std::int32_t extension;  // index into Batch::extensions, or -1
   std::uint64_t size, modified, created;
@@ -186,16 +182,9 @@ class LineParser {
         for (char c : filename.substr(dot + 1)) text.push_back(static_cast<unsigned char>(c));
       }
     }
-    auto length = units.size() - start;
-    PreparedPath previous;
-    if (!batch.records.empty()) {
-      const Record& last = batch.records.back();
-      previous = PreparedPath{TextView(units).substr(last.unitsStart, last.unitsLength), last.parentLength};
-    }
-    PreparedPath prepared = CatalogBuilder::prepare(PathFlavor::windows, TextView(units).substr(start, length),
-                                                    batch.records.empty() ? nullptr : &previous);
-    batch.records.push_back(Record{start, static_cast<std::uint32_t>(length), prepared.parentLength,
-                                   prepared.nameHash, prepared.parentHash, prepared.sameParent, folder, extension,
+    const sources::BatchedPath* previous = batch.records.empty() ? nullptr : &batch.records.back().path;
+    batch.records.push_back(Record{sources::BatchedPath::prepare(PathFlavor::windows, units, start, previous), folder,
+                                   extension,
                                    size.value_or(kUnknown64), modified.value_or(kUnknown64),
                                    created.value_or(kUnknown64)});
   }
@@ -302,10 +291,7 @@ Catalog load(const std::filesystem::path& url, const std::string& sourceId, cons
       const Record* records = batch->records.data();
       std::size_t count = batch->records.size();
       const Unit* units = batch->units.data();
-      auto prepared = [&](const Record& r) {
-        return PreparedPath{TextView(units + r.unitsStart, r.unitsLength), r.parentLength, r.nameHash, r.parentHash,
-                            r.sameParent};
-      };
+      auto prepared = [&](const Record& r) { return r.path.at(units); };
       for (std::size_t i = 0; i < count && i < kAhead; ++i) builder.prefetch(prepared(records[i]), records[i].folder);
       for (std::size_t i = 0; i < count; ++i) {
         if (i + kAhead < count) builder.prefetch(prepared(records[i + kAhead]), records[i + kAhead].folder);

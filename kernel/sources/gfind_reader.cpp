@@ -7,6 +7,7 @@
 
 #include "kernel/base/kernel_error.h"
 #include "kernel/catalog/catalog_builder.h"
+#include "kernel/sources/batched_path.h"
 #include "kernel/sources/byte_source.h"
 #include "kernel/sources/chunk_pipeline.h"
 #include "kernel/sources/load_progress.h"
@@ -61,12 +62,7 @@ std::optional<std::uint64_t> decimal(std::string_view text) {
 // One record as a parse worker hands it over; the path's units live in the
 // batch's shared buffer.
 struct Record {
-  std::size_t unitsStart;
-  std::uint32_t unitsLength;
-  std::uint32_t parentLength;  // the path split and hashed for the builder
-  std::uint32_t nameHash;
-  std::uint32_t parentHash;
-  bool sameParent;
+  sources::BatchedPath path;
   std::uint8_t kind;
   bool hasDevice;
   std::uint64_t size, modified, created, allocated, device;
@@ -159,21 +155,10 @@ class RecordParser {
     }
     std::string_view path = bytes.substr(position);
     if (path.empty()) return "Empty path";
-    r.unitsStart = batch.units.size();
+    const std::size_t start = batch.units.size();
     join(path, batch.units);
-    r.unitsLength = static_cast<std::uint32_t>(batch.units.size() - r.unitsStart);
-    TextView units = batch.units;
-    PreparedPath previous;
-    if (!batch.records.empty()) {
-      const Record& last = batch.records.back();
-      previous = PreparedPath{units.substr(last.unitsStart, last.unitsLength), last.parentLength};
-    }
-    PreparedPath prepared = CatalogBuilder::prepare(setup_.flavor, units.substr(r.unitsStart, r.unitsLength),
-                                                    batch.records.empty() ? nullptr : &previous);
-    r.parentLength = prepared.parentLength;
-    r.nameHash = prepared.nameHash;
-    r.parentHash = prepared.parentHash;
-    r.sameParent = prepared.sameParent;
+    r.path = sources::BatchedPath::prepare(setup_.flavor, batch.units, start,
+                                           batch.records.empty() ? nullptr : &batch.records.back().path);
     batch.records.push_back(r);
     return nullptr;
   }
@@ -297,10 +282,7 @@ Catalog load(const std::filesystem::path& url, const std::string& sourceId, cons
       const Unit* units = batch->units.data();
       const Record* records = batch->records.data();
       std::size_t count = batch->records.size();
-      auto prepared = [&](const Record& r) {
-        return PreparedPath{TextView(units + r.unitsStart, r.unitsLength), r.parentLength, r.nameHash, r.parentHash,
-                            r.sameParent};
-      };
+      auto prepared = [&](const Record& r) { return r.path.at(units); };
       for (std::size_t i = 0; i < count && i < kAhead; ++i) builder.prefetch(prepared(records[i]));
       for (std::size_t i = 0; i < count; ++i) {
         if (i + kAhead < count) builder.prefetch(prepared(records[i + kAhead]));
