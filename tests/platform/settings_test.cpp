@@ -8,13 +8,11 @@
 #include <vector>
 
 #include "kernel/base/kernel_error.h"
-#include "tests/support/environment_guard.h"
 #include "tests/support/temp_dir.h"
 
 namespace tarv::platform {
 namespace {
 
-using testing::EnvironmentGuard;
 using testing::TempDir;
 
 // Opens the suite at `file` and returns what it wrote to standard error.
@@ -22,14 +20,6 @@ std::string openCapturingErrors(const std::filesystem::path& file, Settings& set
   ::testing::internal::CaptureStderr();
   settings = Settings::openFile(file);
   return ::testing::internal::GetCapturedStderr();
-}
-
-TEST(Settings, MissingFileIsAnEmptySuite) {
-  TempDir dir;
-  Settings settings;
-  EXPECT_EQ(openCapturingErrors(dir / "none/defaults.json", settings), "");
-  EXPECT_EQ(settings.string("configurationPath"), std::nullopt);
-  EXPECT_EQ(settings.file(), dir / "none/defaults.json");
 }
 
 TEST(Settings, ReadsStringValuesOnly) {
@@ -114,14 +104,6 @@ TEST(Settings, SaveFailureIsAnIoError) {
   } catch (const KernelError& error) {
     EXPECT_EQ(error.kind(), KernelError::Kind::io);
   }
-}
-
-TEST(Settings, OpenUsesTheSettingsFile) {
-  TempDir dir;
-  EnvironmentGuard environment;
-  environment.set("XDG_CONFIG_HOME", dir.path().string());
-  dir.write("tarv/defaults.json", R"({"configurationPath":"/from/xdg"})");
-  EXPECT_EQ(Settings::open("app.tarv.Tarv").string("configurationPath"), "/from/xdg");
 }
 
 }  // namespace
