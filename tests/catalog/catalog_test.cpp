@@ -4,16 +4,34 @@
 
 #include <gtest/gtest.h>
 
+#include <vector>
+
 #include "kernel/catalog/catalog_builder.h"
 
 namespace tarv {
 namespace {
 
 constexpr std::uint64_t kEpoch = kUnixEpochTicks;
+constexpr std::uint64_t U = kUnknown64;
 
-Catalog oneFile(PathFlavor flavor, TextView path, std::uint64_t modified, std::uint64_t created = kUnknown64) {
-  CatalogBuilder builder("s", flavor, /*inferAncestors=*/false, /*directorySizes=*/false);
-  EXPECT_TRUE(builder.add(path, false, 5, modified, created, std::nullopt, 0, kUnknown64, std::nullopt));
+struct Record {
+  Text path;
+  bool folder = false;
+  std::uint64_t size = 0;
+  std::uint8_t kind = 0;
+  std::uint64_t allocated = U;
+  std::optional<std::uint64_t> device = std::nullopt;
+  std::optional<Text> irregular = std::nullopt;
+  std::uint64_t modified = kEpoch;
+  std::uint64_t created = U;
+};
+
+Catalog build(const std::vector<Record>& records, PathFlavor flavor = PathFlavor::posix, bool infer = false) {
+  CatalogBuilder builder("s", flavor, infer, /*directorySizes=*/false);
+  for (const Record& r : records)
+    EXPECT_TRUE(builder.add(r.path, r.folder, r.size, r.modified, r.created, r.irregular, r.kind, r.allocated,
+                            r.device))
+        << utf8(r.path);
   return builder.finish();
 }
 
@@ -33,18 +51,16 @@ TEST(CatalogTimes, TicksBecomeUnixMilliseconds) {
       {"largest known value", kUnknown64 - 1, static_cast<std::int64_t>((kUnknown64 - 1) / 10000) - 11644473600000},
   };
   for (const auto& c : cases) {
-    auto catalog = oneFile(PathFlavor::posix, u"/f", c.ticks, c.ticks);
+    const Catalog catalog = build({{.path = u"/f", .modified = c.ticks, .created = c.ticks}});
     EXPECT_EQ(catalog.modifiedUnixMs(0), c.ms) << c.label;
     EXPECT_EQ(catalog.createdUnixMs(0), c.ms) << c.label;
   }
 }
 
 TEST(CatalogSizes, FoldersAndUnknowns) {
-  CatalogBuilder builder("s", PathFlavor::posix, false, /*directorySizes=*/false);
-  builder.add(u"/d", true, 40, kEpoch, kUnknown64, std::nullopt, 1, 4096, std::nullopt);
-  builder.add(u"/f", false, 12, kEpoch, kUnknown64, std::nullopt, 0, 4096, std::nullopt);
-  builder.add(u"/u", false, kUnknown64, kEpoch, kUnknown64, std::nullopt, 0, kUnknown64, std::nullopt);
-  auto catalog = builder.finish();
+  const Catalog catalog = build({{.path = u"/d", .folder = true, .size = 40, .kind = 1, .allocated = 4096},
+                                 {.path = u"/f", .size = 12, .allocated = 4096},
+                                 {.path = u"/u", .size = U}});
   EXPECT_EQ(catalog.sizeBytes(0), std::nullopt) << "folder without directory sizes";
   EXPECT_EQ(catalog.sizeOnDisk(0), std::nullopt) << "folder never has a size on disk";
   EXPECT_EQ(catalog.sizeBytes(1), 12u);
@@ -55,98 +71,73 @@ TEST(CatalogSizes, FoldersAndUnknowns) {
 }
 
 TEST(CatalogKinds, FromColumnOrFromFolderBit) {
-  CatalogBuilder native("s", PathFlavor::posix, /*inferAncestors=*/false, false);
-  native.add(u"/link", false, 0, kEpoch, kUnknown64, std::nullopt, 2, kUnknown64, std::nullopt);
-  native.add(u"/dir", true, 0, kEpoch, kUnknown64, std::nullopt, 1, kUnknown64, std::nullopt);
-  auto withKinds = native.finish();
+  const Catalog withKinds = build({{.path = u"/link", .kind = 2}, {.path = u"/dir", .folder = true, .kind = 1}});
   ASSERT_TRUE(withKinds.parts().kinds.has_value());
   EXPECT_EQ(withKinds.recordKind(0), 2);
   EXPECT_EQ(withKinds.recordKind(1), 1);
-
-  CatalogBuilder inferred("s", PathFlavor::windows, /*inferAncestors=*/true, false);
-  inferred.add(u"C:\\f", false, 0, kEpoch, kUnknown64, std::nullopt, 2, kUnknown64, std::nullopt);
-  inferred.add(u"C:\\d", true, 0, kEpoch, kUnknown64, std::nullopt, 0, kUnknown64, std::nullopt);
-  auto withoutKinds = inferred.finish();
+  // Inferring ancestors drops the kind column: kinds come from the folder bit.
+  const Catalog withoutKinds =
+      build({{.path = u"C:\\f", .kind = 2}, {.path = u"C:\\d", .folder = true}}, PathFlavor::windows, true);
   EXPECT_FALSE(withoutKinds.parts().kinds.has_value());
   EXPECT_EQ(withoutKinds.recordKind(0), 0);
   EXPECT_EQ(withoutKinds.recordKind(1), 1);
 }
 
-TEST(CatalogNames, ExtensionUnits) {
-  struct Case {
-    const char* label;
-    const char16_t* path;
-    std::optional<Text> irregular;
-    const char16_t* extension;
-  };
-  const Case cases[] = {
-      {"last dot wins", u"/archive.tar.gz", std::nullopt, u"gz"},
-      {"no dot", u"/Makefile", std::nullopt, u""},
-      {"leading dot counts", u"/.bashrc", std::nullopt, u"bashrc"},
-      {"trailing dot is empty", u"/x.", std::nullopt, u""},
-      {"dot in the folder does not count", u"/a.b/readme", std::nullopt, u""},
-      {"irregular extension wins", u"/photo.jpeg", Text(u"JPG"), u"JPG"},
-      {"irregular empty extension", u"/note.txt", Text(u""), u""},
-  };
-  for (const auto& c : cases) {
-    CatalogBuilder builder("s", PathFlavor::posix, false, false);
-    builder.add(c.path, false, 0, kEpoch, kUnknown64, c.irregular, 0, kUnknown64, std::nullopt);
-    auto catalog = builder.finish();
-    EXPECT_EQ(Text(catalog.extensionUnits(0)), Text(c.extension)) << c.label;
-  }
-}
-
-TEST(CatalogPaths, SplitAndJoin) {
+TEST(CatalogPaths, SplitJoinAndExtension) {
   struct Case {
     const char* label;
     PathFlavor flavor;
     const char16_t* path;
     const char16_t* parent;
     const char16_t* name;
+    const char16_t* extension;
+    std::optional<Text> irregular = std::nullopt;
   };
+  const auto P = PathFlavor::posix;
+  const auto W = PathFlavor::windows;
   const Case cases[] = {
-      {"posix", PathFlavor::posix, u"/home/me/a.txt", u"/home/me/", u"a.txt"},
-      {"posix root", PathFlavor::posix, u"/", u"/", u""},
-      {"no separator", PathFlavor::posix, u"lonely", u"", u"lonely"},
-      {"trailing separator", PathFlavor::posix, u"/a/b/", u"/a/b/", u""},
-      {"posix keeps backslash in the name", PathFlavor::posix, u"/a\\b", u"/", u"a\\b"},
-      {"windows backslash", PathFlavor::windows, u"C:\\Users\\me", u"C:\\Users\\", u"me"},
-      {"windows slash after backslash", PathFlavor::windows, u"C:\\a/b", u"C:\\a/", u"b"},
-      {"windows backslash after slash", PathFlavor::windows, u"C:/a\\b", u"C:/a\\", u"b"},
-      {"drive only", PathFlavor::windows, u"C:", u"", u"C:"},
+      {"posix", P, u"/home/me/a.txt", u"/home/me/", u"a.txt", u"txt"},
+      {"posix root", P, u"/", u"/", u"", u""},
+      {"no separator", P, u"lonely", u"", u"lonely", u""},
+      {"trailing separator", P, u"/a/b/", u"/a/b/", u"", u""},
+      {"posix keeps backslash in the name", P, u"/a\\b", u"/", u"a\\b", u""},
+      {"windows backslash", W, u"C:\\Users\\me", u"C:\\Users\\", u"me", u""},
+      {"windows slash after backslash", W, u"C:\\a/b", u"C:\\a/", u"b", u""},
+      {"windows backslash after slash", W, u"C:/a\\b", u"C:/a\\", u"b", u""},
+      {"drive only", W, u"C:", u"", u"C:", u""},
+      {"last dot wins", P, u"/archive.tar.gz", u"/", u"archive.tar.gz", u"gz"},
+      {"leading dot counts", P, u"/.bashrc", u"/", u".bashrc", u"bashrc"},
+      {"trailing dot is empty", P, u"/x.", u"/", u"x.", u""},
+      {"dot in the folder does not count", P, u"/a.b/readme", u"/a.b/", u"readme", u""},
+      {"irregular extension wins", P, u"/photo.jpeg", u"/", u"photo.jpeg", u"JPG", Text(u"JPG")},
+      {"irregular empty extension", P, u"/note.txt", u"/", u"note.txt", u"", Text(u"")},
   };
   for (const auto& c : cases) {
-    CatalogBuilder builder("s", c.flavor, false, false);
-    builder.add(c.path, false, 0, kEpoch, kUnknown64, std::nullopt, 0, kUnknown64, std::nullopt);
-    auto catalog = builder.finish();
-    EXPECT_EQ(Text(catalog.parentUnits(catalog.parentIndex(0))), Text(c.parent)) << c.label;
-    EXPECT_EQ(Text(catalog.nameUnits(0)), Text(c.name)) << c.label;
-    EXPECT_EQ(catalog.pathUnits(0), Text(c.path)) << c.label;
-    EXPECT_EQ(catalog.displayPath(0), utf8(c.path)) << c.label;
+    SCOPED_TRACE(c.label);
+    const Catalog catalog = build({{.path = c.path, .irregular = c.irregular}}, c.flavor);
+    EXPECT_EQ(Text(catalog.parentUnits(catalog.parentIndex(0))), Text(c.parent));
+    EXPECT_EQ(Text(catalog.nameUnits(0)), Text(c.name));
+    EXPECT_EQ(catalog.pathUnits(0), Text(c.path));
+    EXPECT_EQ(catalog.displayPath(0), utf8(c.path));
+    EXPECT_EQ(Text(catalog.extensionUnits(0)), Text(c.extension));
   }
 }
 
 // Catalogs read from index files may hold NULs the builder would never store
 // through its checking wrapper; the full-path rule must still hold.
 TEST(CatalogPaths, NulInParentOrNameEndsThePath) {
-  CatalogBuilder builder("s", PathFlavor::posix, false, false);
-  Text withNulParent(u"/a\0b/name", 9);
-  Text withNulName(u"/c/na\0me", 8);
-  builder.add(withNulParent, false, 0, kEpoch, kUnknown64, std::nullopt, 0, kUnknown64, std::nullopt);
-  builder.add(withNulName, false, 0, kEpoch, kUnknown64, std::nullopt, 0, kUnknown64, std::nullopt);
-  auto catalog = builder.finish();
+  const Text withNulName(u"/c/na\0me", 8);
+  const Catalog catalog = build({{.path = Text(u"/a\0b/name", 9)}, {.path = withNulName}});
   EXPECT_EQ(catalog.pathUnits(0), Text(u"/a"));
   EXPECT_EQ(catalog.pathUnits(1), Text(u"/c/na"));
   EXPECT_EQ(Text(catalog.nameUnits(1)), withNulName.substr(3));
 }
 
 TEST(CatalogDevices, LabelsApplyByDecimalNumber) {
-  CatalogBuilder builder("s", PathFlavor::posix, false, false);
-  builder.add(u"/a", false, 0, kEpoch, kUnknown64, std::nullopt, 0, kUnknown64, 7u);
-  builder.add(u"/b", false, 0, kEpoch, kUnknown64, std::nullopt, 0, kUnknown64, 123456789012u);
-  builder.add(u"/c", false, 0, kEpoch, kUnknown64, std::nullopt, 0, kUnknown64, std::nullopt);
-  builder.add(u"/d", false, 0, kEpoch, kUnknown64, std::nullopt, 0, kUnknown64, 7u);
-  auto catalog = builder.finish();
+  Catalog catalog = build({{.path = u"/a", .device = 7u},
+                           {.path = u"/b", .device = 123456789012u},
+                           {.path = u"/c"},
+                           {.path = u"/d", .device = 7u}});
   EXPECT_EQ(catalog.parts().devices, (std::vector<std::uint64_t>{7, 123456789012u}));
   EXPECT_EQ(catalog.deviceId(0), 0);
   EXPECT_EQ(catalog.deviceId(1), 1);

@@ -148,9 +148,7 @@ TEST_F(Compiled, DamagedCopiesAreRefusedAndRebuiltSilently) {
       {"recorded inode", flip(48)},
       {"fingerprint digit", flip(100)},
       {"path", flip(136)},
-      {"search table", flip(tables + 5)},
-      {"sort table", flip(tables + 131072 + 77)},
-      {"case table", flip(tables + 2 * 131072 + 131071)},
+      {"last unit of the case table", flip(tables + 2 * 131072 + 131071)},
       {"checksum", flip(good.size() - 1)},
       {"fingerprint not hex", [](std::string b) { return b.replace(72, 1, "G"); }},
   };
@@ -198,36 +196,25 @@ TEST_F(Compiled, ACopyBelongsToItsPathOnly) {
   EXPECT_TRUE(cache.read(linked, *CompatibilityCache::identityOf(linked)));
 }
 
+// The loader's own messages are checked with the loader; here only that they
+// reach the caller and that nothing is compiled from a bad or missing file.
 TEST_F(Compiled, TableFileErrorsPassThroughAndNothingIsCompiled) {
-  struct Case {
-    const char* label;
-    std::string bytes;
-    std::string message;
-  };
-  const Case cases[] = {
-      {"no search key", "{\"sort\": [1], \"case\": [2]}", "Compatibility table missing: search"},
-      {"entry too large", "{\"search\": [65536]}", "Invalid compatibility table: search"},
-      {"short search", "{\"search\": [1, 2], \"sort\": [], \"case\": []}",
-       "Compatibility table must contain 65536 UTF-16 entries: search"},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.label);
-    const fs::path bad = dir.write(std::string(c.label) + ".json", c.bytes);
-    try {
-      cache.load(bad);
-      ADD_FAILURE() << "loaded a bad table";
-    } catch (const KernelError& e) {
-      EXPECT_EQ(e.message(), c.message);
-    }
-    EXPECT_FALSE(fs::exists(cache.fileOf(bad)));
-  }
+  const fs::path bad = dir.write("bad.json", "{\"search\": [65536]}");
   const fs::path absent = dir / "absent.json";
+  try {
+    cache.load(bad);
+    ADD_FAILURE() << "loaded a bad table";
+  } catch (const KernelError& e) {
+    EXPECT_EQ(e.message(), "Invalid compatibility table: search");
+  }
+  EXPECT_FALSE(fs::exists(cache.fileOf(bad)));
   try {
     cache.load(absent);
     ADD_FAILURE() << "loaded a missing table";
   } catch (const KernelError& e) {
     EXPECT_EQ(e.message().rfind("Cannot read " + absent.string() + ": ", 0), 0u) << e.message();
   }
+  EXPECT_FALSE(fs::exists(cache.fileOf(absent)));
 }
 
 TEST_F(Compiled, TablesWithoutAFingerprintAreNotWritten) {
