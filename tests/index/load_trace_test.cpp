@@ -83,8 +83,7 @@ TEST(LoadTrace, ProcessSetting) {
     const char* label;
     std::optional<std::string> value;
     bool traced;
-  } cases[] = {{"one", "1", true},   {"true", "true", false}, {"yes", "yes", false},
-               {"unset", {}, false}, {"zero", "0", false},    {"spaced", " 1", false}};
+  } cases[] = {{"one", "1", true}, {"true", "true", false}, {"unset", {}, false}};
   for (const auto& c : cases) {
     testing::ProcessOptions options;
     options.env["TARV_TRACE_CHILD"] = "1";
