@@ -2,20 +2,12 @@
 
 #include <gtest/gtest.h>
 
-#include <random>
-#include <set>
 #include <vector>
 
 #include "kernel/query/parallel.h"
 
 namespace tarv {
 namespace {
-
-std::set<std::int64_t> members(const Bitset& b) {
-  std::set<std::int64_t> out;
-  b.forEach([&](std::int64_t r) { out.insert(r); });
-  return out;
-}
 
 TEST(Bitset, WordLayoutAndSingleRows) {
   Bitset b(130);
@@ -36,50 +28,6 @@ TEST(Bitset, WordLayoutAndSingleRows) {
   EXPECT_EQ(Bitset::wordCount(0), 0u);
   EXPECT_EQ(Bitset::wordCount(64), 1u);
   EXPECT_EQ(Bitset::wordCount(65), 2u);
-}
-
-TEST(Bitset, SetRangeMatchesSingleSets) {
-  struct Case {
-    const char* label;
-    std::int64_t begin, end;
-  };
-  const std::vector<Case> cases = {{"empty", 5, 5},           {"reversed", 9, 3},      {"one row", 0, 1},
-                                   {"one word", 0, 64},       {"word edge", 63, 65},   {"inside one word", 3, 17},
-                                   {"several words", 5, 200}, {"to the end", 64, 256}, {"last row", 255, 256}};
-  for (const auto& c : cases) {
-    Bitset fast(256), slow(256);
-    fast.setRange(c.begin, c.end);
-    for (auto r = c.begin; r < c.end; ++r) slow.set(r);
-    EXPECT_EQ(fast, slow) << c.label;
-  }
-}
-
-TEST(Bitset, SetOperationsAgreeWithSets) {
-  std::mt19937 random(7);
-  for (int round = 0; round < 50; ++round) {
-    const std::int64_t rows = 1 + random() % 300;
-    Bitset a(rows), b(rows);
-    std::set<std::int64_t> sa, sb;
-    for (std::int64_t r = 0; r < rows; ++r) {
-      if (random() % 3 == 0) a.set(r), sa.insert(r);
-      if (random() % 2 == 0) b.set(r), sb.insert(r);
-    }
-    Bitset u = a, i = a, d = a, c = a;
-    u.unite(b);
-    i.intersect(b);
-    d.subtract(b);
-    c.complement(rows);
-    std::set<std::int64_t> su = sa, si, sd, sc;
-    su.insert(sb.begin(), sb.end());
-    for (auto r : sa) (sb.count(r) ? si : sd).insert(r);
-    for (std::int64_t r = 0; r < rows; ++r)
-      if (!sa.count(r)) sc.insert(r);
-    EXPECT_EQ(members(u), su);
-    EXPECT_EQ(members(i), si);
-    EXPECT_EQ(members(d), sd);
-    EXPECT_EQ(members(c), sc) << "complement of " << rows << " rows";
-    EXPECT_EQ(c.count(), static_cast<std::int64_t>(sc.size()));
-  }
 }
 
 TEST(Bitset, ShorterOperandsAndComplementEdges) {

@@ -155,18 +155,6 @@ TEST(ExecutionPlanner, NameOrderRangesServePrefixesWhereFoldingAgreesWithOrder) 
   }
 }
 
-TEST(ExecutionPlanner, StrategiesStayExactAtChunkBoundaries) {
-  // Chunks of one row up to whole words: bits written by neighbouring chunks
-  // must not collide.
-  const std::vector<const char*> queries = {"tool1", "o", "*.txt", "tool2*", "ext:txt", "parent:/usr/share/doc",
-                                            "/usr/bin/", "!file1 ext:txt", "size:<50 | README", "k|x",
-                                            "folder: | case:K", "volume-label:Disk file2"};
-  for (const std::int64_t minimum : {1, 64, 100, 1 << 13}) {
-    const ExecutionPlanner planner(bigIndex(), minimum);
-    for (const char* q : queries) expectExact(planner, q, std::string(q) + " minimum " + std::to_string(minimum));
-  }
-}
-
 TEST(ExecutionPlanner, NamesHoldingNulUnitsAreTestedOnTheirOwn) {
   // A NUL ends a name's place in the name order, so prefix and suffix
   // candidates cannot find these rows; they must still be found. Leniently
@@ -327,28 +315,6 @@ TEST(NameLiteral, UnitIndexGivesTheSetsOfTheTableWalk) {
   }
 }
 
-TEST(NameLiteral, ScanUnitsSetsEachRowOnceWithinItsRange) {
-  std::vector<Entry> entries;
-  for (int i = 0; i < 300; ++i) entries.push_back({"/d/" + std::string(i % 3 == 0 ? "qq" : "ab") + std::to_string(i)});
-  const auto index = indexOf(entries);
-  const Catalog& c = index->catalog();
-  const auto q = name_literal::unitsMatching(u'q', false, *realTable());
-  ASSERT_TRUE(q.has_value());
-  std::vector<std::uint64_t> words(Bitset::wordCount(c.count()), 0);
-  std::vector<std::uint64_t> pool(words.size(), 0);
-  for (std::int32_t r = 0; r < c.count(); r += 2) pool[static_cast<std::size_t>(r >> 6)] |= std::uint64_t(1) << (r & 63);
-  // Rows 64 ..< 192 only, limited to the even rows of the pool.
-  const std::int64_t found = name_literal::scanUnits(c, *q, 64, 192, pool.data(), words.data());
-  std::int64_t expected = 0;
-  for (std::int32_t r = 0; r < c.count(); ++r) {
-    const bool want = r >= 64 && r < 192 && r % 2 == 0 && c.nameUnits(r).find(u'q') != TextView::npos;
-    expected += want ? 1 : 0;
-    EXPECT_EQ(Bitset::test(words, r), want) << "row " << r;
-  }
-  EXPECT_EQ(found, expected);
-  EXPECT_GT(found, 0);
-}
-
 TEST(NameLiteral, ScanUnitsStaysInsideDamagedOffsets) {
   // Offsets from a damaged file: out of order, negative, past the units.
   std::vector<Entry> entries;
@@ -454,28 +420,6 @@ TEST(QueryOptimizer, MergedNumericFilterAgreesWithItsTerms) {
           << q << " row " << r;
     expectExact(ExecutionPlanner(index), q, q);
   }
-}
-
-TEST(QueryOptimizer, FillsTheFieldsOfEachTerm) {
-  const auto index = bigIndex();
-  auto root = Query::parse(u"ext:txt parent:/usr/bin volume-label:DISK <README|Makefile|x> size:1 file:",
-                           index->compatibility(), PathFlavor::posix);
-  Query::markSizeSemantics(*root, false);
-  QueryOptimizer::prepare(*root, *index);
-  ASSERT_EQ(root->kind, Query::Kind::and_);
-  const auto& ch = root->children;
-  ASSERT_TRUE(ch[0]->extensionHits.has_value());
-  EXPECT_TRUE((*ch[0]->extensionHits)[static_cast<std::size_t>(index->extensionMap().at(u"txt"))]);
-  ASSERT_TRUE(ch[1]->parentHits.has_value());
-  EXPECT_EQ(std::count(ch[1]->parentHits->begin(), ch[1]->parentHits->end(), true), 1);
-  ASSERT_TRUE(ch[2]->deviceHits.has_value());
-  EXPECT_EQ(std::count(ch[2]->deviceHits->begin(), ch[2]->deviceHits->end(), true), 1);
-  ASSERT_TRUE(ch[3]->literalOr);
-  EXPECT_EQ(ch[3]->literalOr->literalChildren, (std::vector<std::size_t>{0, 1}));  // "x" is one unit
-  EXPECT_NE(ch[3]->children[0]->nameGrams, 0u);
-  ASSERT_TRUE(root->numericFilter.has_value());
-  EXPECT_EQ(root->numericFilter->types, 1);
-  EXPECT_EQ(root->numericFilter->fields, 1);
 }
 
 }  // namespace

@@ -217,8 +217,8 @@ TEST(ParallelEnvironment, WorkersAndMinimumComeFromTheEnvironment) {
     const char* minimum;
     std::string expected;
   };
-  const std::vector<Case> cases = {{"1", nullptr, "1"}, {"abc", nullptr, processors}, {"0", nullptr, "1"},
-                                   {"-4", nullptr, "1"}, {"+3", "10", "3"}};
+  // The parsing rules have their own table above; these show the values reach the pool.
+  const std::vector<Case> cases = {{"1", nullptr, "1"}, {"abc", nullptr, processors}, {"+3", "10", "3"}};
   for (const auto& c : cases) {
     testing::ProcessOptions options;
     options.env["TARV_WORKERS"] = c.workers;

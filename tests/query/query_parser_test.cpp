@@ -33,7 +33,7 @@ void expectShapes(const std::vector<ShapeCase>& cases, PathFlavor flavor = PathF
   for (const auto& c : cases) EXPECT_EQ(shape(c.query, flavor), c.expected) << c.label << ": " << c.query;
 }
 
-TEST(QueryParserGrammar, PrecedenceAndFlattening) {
+TEST(QueryParserGrammar, PrecedenceBracketsAndNegation) {
   expectShapes({
       {"empty query", "", "true"},
       {"only whitespace", " \t ", "true"},
@@ -48,11 +48,6 @@ TEST(QueryParserGrammar, PrecedenceAndFlattening) {
       {"left group or flattens", "<a|b>|c", "(or (text \"a\") (text \"b\") (text \"c\"))"},
       {"single operand group unwraps", "<<a>>", "(text \"a\")"},
       {"empty group", "<>", "true"},
-  });
-}
-
-TEST(QueryParserGrammar, BracketsAndNegation) {
-  expectShapes({
       {"unmatched > ends the query", "a > b", "(text \"a\")"},
       {"lone >", ">", "true"},
       {"missing > tolerated", "<a b", "(and (text \"a\") (text \"b\"))"},
@@ -64,11 +59,6 @@ TEST(QueryParserGrammar, BracketsAndNegation) {
       {"bang at end", "!", "(not true)"},
       {"less-than splits a word", "a<b", "(and (text \"a\") (text \"b\"))"},
       {"unknown name before group", "x:<a>", "(and (text \"x:\") (text \"a\"))"},
-  });
-}
-
-TEST(QueryParserGrammar, EmptyTokensAtBars) {
-  expectShapes({
       {"leading bar", "|a", "(and true (text \"a\"))"},
       {"trailing bar", "a|", "(or (text \"a\") true)"},
       {"double bar", "a||b", "(and (or (text \"a\") true) (text \"b\"))"},
@@ -90,28 +80,24 @@ TEST(QueryParserGrammar, UnmatchedGreaterThanLeavesPosition) {
 }
 
 TEST(QueryParserGrammar, WhitespaceSetIsExact) {
-  const char16_t separating[] = {0x09, 0x0A, 0x0B, 0x0C, 0x0D, 0x1C, 0x1D, 0x1E, 0x1F, 0x20, 0x1680, 0x2000,
-                                 0x2003, 0x2006, 0x2008, 0x2009, 0x200A, 0x2028, 0x2029, 0x205F, 0x3000};
-  for (char16_t unit : separating) {
-    Text query = u"a";
-    query += unit;
-    query += u"b";
-    EXPECT_EQ(Query::describe(*Query::parse(query, *asciiTable(), PathFlavor::posix)),
-              "(and (text \"a\") (text \"b\"))")
-        << "U+" << std::hex << int(unit);
-  }
-  const char16_t ordinary[] = {0x00A0, 0x2007, 0x202F, 0x200B, 0x08, 0x0E, 0x1B, u'#'};
-  for (char16_t unit : ordinary) {
-    Text query = u"a";
-    query += unit;
-    query += u"b";
-    auto term = Query::parse(query, *asciiTable(), PathFlavor::posix);
-    EXPECT_EQ(term->kind, Kind::text) << "U+" << std::hex << int(unit);
-    EXPECT_EQ(term->raw, query) << "U+" << std::hex << int(unit);
+  const std::vector<std::pair<char16_t, bool>> units = {
+      {0x09, true},   {0x0A, true},   {0x0B, true},   {0x0C, true},   {0x0D, true},   {0x1C, true},
+      {0x1D, true},   {0x1E, true},   {0x1F, true},   {0x20, true},   {0x1680, true}, {0x2000, true},
+      {0x2003, true}, {0x2006, true}, {0x2008, true}, {0x2009, true}, {0x200A, true}, {0x2028, true},
+      {0x2029, true}, {0x205F, true}, {0x3000, true}, {0x00A0, false}, {0x2007, false}, {0x202F, false},
+      {0x200B, false}, {0x08, false}, {0x0E, false}, {0x1B, false}, {u'#', false}};
+  for (const auto& [unit, separates] : units) {
+    const Text query = Text(u"a") + unit + u"b";
+    const auto term = Query::parse(query, *asciiTable(), PathFlavor::posix);
+    if (separates) {
+      EXPECT_EQ(Query::describe(*term), "(and (text \"a\") (text \"b\"))") << "U+" << std::hex << int(unit);
+    } else {
+      EXPECT_EQ(term->raw, query) << "U+" << std::hex << int(unit);
+    }
   }
 }
 
-TEST(QueryParserTokens, Quotes) {
+TEST(QueryParserTokens, QuotesBangsAndAngles) {
   expectShapes({
       {"quoted space", "\"my file\"", "(text \"my file\")"},
       {"quote inside a word", "my\"  \"file", "(text \"my  file\")"},
@@ -121,11 +107,6 @@ TEST(QueryParserTokens, Quotes) {
       {"unterminated quote runs to the end", "\"open x", "(text \"open x\")"},
       {"adjacent quotes vanish", "a\"\"b", "(text \"ab\")"},
       {"quoted colon still names a function", "\"file\":x", "(and file (text \"x\"))"},
-  });
-}
-
-TEST(QueryParserTokens, BangAndAngleRules) {
-  expectShapes({
       {"bang inside a word", "foo!bar", "(text \"foo!bar\")"},
       {"bang after unknown name", "foo:!x", "(text \"foo:!x\")"},
       {"bang after modifier ends the token", "case:!tmp", "(not (text \"tmp\" case))"},
@@ -146,7 +127,7 @@ TEST(QueryParserTokens, ReadTokenRemovesQuotes) {
   EXPECT_EQ(bar.position, 0u);
 }
 
-TEST(QueryParserModifiers, Application) {
+TEST(QueryParserModifiers, ApplicationAndReach) {
   expectShapes({
       {"insensitive by default", "README", "(text \"README\" \"readme\")"},
       {"case keeps raw", "case:README", "(text \"README\" case)"},
@@ -163,11 +144,6 @@ TEST(QueryParserModifiers, Application) {
       {"modifier over a negated group", "case:!<A B>", "(not (and (text \"A\" case) (text \"B\" case)))"},
       {"modifier then unknown function", "case:foo:Bar", "(text \"foo:Bar\" case)"},
       {"modifiers skip sizes", "case:size:5", "(size 5 5)"},
-  });
-}
-
-TEST(QueryParserModifiers, GroupsKeepTheirOwnReach) {
-  expectShapes({
       {"flattened and does not spread",
        "case:<A B> C",
        "(and (text \"A\" case) (text \"B\" case) (text \"C\" \"c\"))"},
@@ -210,6 +186,7 @@ TEST(QueryParserFunctions, FileAndFolder) {
       {"greater-than ends token and query", "file:a>b", "(and file (text \"a\"))"},
       {"greater-than ends only the sub-query", "file:\"a>b\" c", "(and file (text \"a\") (text \"c\"))"},
       {"nested functions", "file:folder:x", "(and file (and folder (text \"x\")))"},
+      {"chained values nest level by level", "file:!file:!x", "(and file (not (and file (not (text \"x\")))))"},
       {"negation inside the value", "file:!x", "(and file (not (text \"x\")))"},
       // The bang after "case:" ends the outer token, so the value is a bare
       // modifier and the negation belongs to the top level.
@@ -336,11 +313,21 @@ Text randomQuery(std::mt19937& rng) {
   return query;
 }
 
+// Queries built from grammar pieces (and, every other round, from random
+// units with the special ones mixed in) always give a consistent tree, the
+// same one each time.
 TEST(QueryParserRobustness, RandomInputAlwaysYieldsAConsistentTree) {
   std::mt19937 rng(20240611);
   const auto& table = *asciiTable();
-  for (int round = 0; round < 4000; ++round) {
-    Text query = randomQuery(rng);
+  const char16_t specials[] = {u'<', u'>', u'!', u'"', u'|', u':', u' ', 0, 0xD801, 0xDFFF};
+  for (int round = 0; round < 6000; ++round) {
+    Text query;
+    if (round % 2 == 0) {
+      query = randomQuery(rng);
+    } else {
+      for (int n = static_cast<int>(rng() % 65); n > 0; --n)
+        query += rng() % 2 ? specials[rng() % std::size(specials)] : static_cast<char16_t>(rng() % 65536);
+    }
     for (PathFlavor flavor : {PathFlavor::posix, PathFlavor::windows}) {
       Query::Parser parser(query, table, flavor);
       parser.moment = testing::kFixedMoment;
@@ -348,28 +335,10 @@ TEST(QueryParserRobustness, RandomInputAlwaysYieldsAConsistentTree) {
       ASSERT_NE(root, nullptr);
       ASSERT_LE(parser.position, query.size());
       checkInvariants(*root, table);
-      // Parsing is a function of the text.
       Query::Parser again(query, table, flavor);
       again.moment = testing::kFixedMoment;
       ASSERT_EQ(Query::describe(*again.parseAnd()), Query::describe(*root));
     }
-  }
-}
-
-TEST(QueryParserRobustness, RandomUnitsNeverCrash) {
-  std::mt19937 rng(7);
-  std::uniform_int_distribution<int> length(0, 64);
-  std::uniform_int_distribution<int> unit(0, 0xFFFF);
-  std::uniform_int_distribution<int> special(0, 9);
-  const char16_t specials[] = {u'<', u'>', u'!', u'"', u'|', u':', u' ', 0, 0xD801, 0xDFFF};
-  for (int round = 0; round < 3000; ++round) {
-    Text query;
-    int n = length(rng);
-    for (int i = 0; i < n; ++i)
-      query += (unit(rng) & 1) ? specials[special(rng)] : static_cast<char16_t>(unit(rng));
-    auto root = Query::parse(query, *asciiTable(), PathFlavor::windows);
-    ASSERT_NE(root, nullptr);
-    checkInvariants(*root, *asciiTable());
   }
 }
 
@@ -426,23 +395,6 @@ TEST(QueryParserDepth, MillionNegationsFormOneChain) {
   root.reset();  // destroyed without recursion
 }
 
-TEST(QueryParserDepth, NestedAndsKeepTheirShape) {
-  const std::size_t n = 100'000;
-  Text query;
-  for (std::size_t i = 0; i < n; ++i) query += u"<a ";
-  auto root = Query::parse(query, *asciiTable(), PathFlavor::posix);
-  const Query::Term* t = root.get();
-  std::size_t depth = 0;
-  while (t->kind == Kind::and_) {
-    ASSERT_EQ(t->children.size(), 2u);
-    ASSERT_EQ(t->children[0]->raw, u"a");
-    t = t->children[1].get();
-    ++depth;
-  }
-  EXPECT_EQ(depth, n - 1);
-  EXPECT_EQ(t->raw, u"a");
-}
-
 // Inputs that would take quadratic time if modifiers were applied eagerly or
 // nested values were rescanned level by level. Sixteen times the input must
 // cost far less than the 256 times a quadratic parser would need; cache misses
@@ -494,11 +446,6 @@ TEST(QueryParserDepth, LongChainsParseInLinearTime) {
     EXPECT_EQ(t->raw, u"X") << utf8(chain.piece);
     EXPECT_EQ(t->sensitive, chain.piece[0] == u'c') << utf8(chain.piece);
   }
-}
-
-TEST(QueryParserDepth, ChainedFileValuesNestLevelByLevel) {
-  auto root = parseWith("file:!file:!x");
-  EXPECT_EQ(Query::describe(*root), "(and file (not (and file (not (text \"x\")))))");
 }
 
 }  // namespace

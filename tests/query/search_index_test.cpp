@@ -338,13 +338,6 @@ TEST(SearchIndex, StoredKeysFollowTheOptionalColumns) {
   EXPECT_TRUE(reader.has("p.order.modified"));
   EXPECT_FALSE(reader.has("p.order.created"));
   EXPECT_FALSE(reader.has("p.order.allocated"));
-  std::vector<std::string> written;
-  for (const auto& s : reader.meta()["sections"]) written.push_back(s["name"]);
-  EXPECT_EQ(written, (std::vector<std::string>{"p.parentRanks", "p.order.name", "p.order.path", "p.order.size",
-                                               "p.order.modified", "p.extensionIds", "p.extensions", "p.nameGrams",
-                                               "p.nameUnits", "p.parentPrefixOrder", "p.parentRowCounts", "p.driveParents",
-                                               "p.driveNames", "p.separatorNames", "p.nulNames", "p.reverseOrder",
-                                               "p.extensionCounts"}));
 }
 
 // Writing then reading a catalog and its index gives back every column and
@@ -370,26 +363,17 @@ TEST(SearchIndex, WriteThenReadIsIdentity) {
     EXPECT_TRUE(inMapping(read.order(SortKey::name).data()));
     EXPECT_TRUE(inMapping(read.nameGramMasks().data()));
     EXPECT_TRUE(inMapping(mapped->parts().names.data()));
-    EXPECT_EQ(values(read.parentRanks()), values(built.parentRanks()));
+    EXPECT_TRUE(inMapping(read.nameUnitMasks().data()));
+    // Everything derived is checked against a plain computation; what that
+    // check leaves open (the exact orders and the stored tables) is compared.
+    expectDerivedStructures(read);
     EXPECT_EQ(read.storedKeys(), built.storedKeys());
     for (SortKey key : kSortKeys) EXPECT_EQ(values(read.order(key)), values(built.order(key))) << sortKeyName(key);
-    EXPECT_EQ(values(read.extensionIds()), values(built.extensionIds()));
     EXPECT_EQ(read.extensions(), built.extensions());
-    EXPECT_EQ(values(read.extensionCounts()), values(built.extensionCounts()));
-    EXPECT_EQ(read.extensionMap(), built.extensionMap());
     EXPECT_EQ(read.extensionClasses(), built.extensionClasses());
-    EXPECT_EQ(values(read.nameGramMasks()), values(built.nameGramMasks()));
-    EXPECT_TRUE(inMapping(read.nameUnitMasks().data()));
     EXPECT_EQ(values(read.nameUnitMasks()), values(built.nameUnitMasks()));
     EXPECT_EQ(values(read.parentPrefixOrder()), values(built.parentPrefixOrder()));
-    EXPECT_EQ(values(read.parentRowCounts()), values(built.parentRowCounts()));
-    EXPECT_EQ(values(read.exceptionalDriveParents()), values(built.exceptionalDriveParents()));
-    EXPECT_EQ(values(read.exceptionalDriveNames()), values(built.exceptionalDriveNames()));
-    EXPECT_TRUE(std::ranges::equal(read.separatorNames(), built.separatorNames()));
-    EXPECT_EQ(read.separatorNameCount(), built.separatorNameCount());
-    EXPECT_EQ(values(read.names()->nulNames()), values(built.names()->nulNames()));
     EXPECT_EQ(values(read.names()->reverseOrder()), values(built.names()->reverseOrder()));
-    expectDerivedStructures(read);
   }
 }
 
