@@ -31,7 +31,6 @@ struct RecordedRequest {
   std::string method;
   std::string target;                         // path and query as sent
   std::map<std::string, std::string> headers;  // names lower-cased; last one wins
-  std::vector<std::string> headerNames;       // lower-cased, in the order sent
   std::string body;
 };
 
@@ -145,7 +144,6 @@ class FakeProvider {
       value.erase(0, value.find_first_not_of(' '));
       const std::string name = lower(line.substr(0, colon));
       request.headers[name] = value;
-      request.headerNames.push_back(name);
     }
     std::size_t contentLength = 0;
     if (auto found = request.headers.find("content-length"); found != request.headers.end())

@@ -52,6 +52,7 @@ TEST(QueryComposer, ComposesReplies) {
       {"extension with dot", R"({"extensions": [".PDF"]})", "ext:pdf"},
       {"extension word", R"({"extensions": ["word"]})", "ext:doc;docx"},
       {"type none is nothing", R"({"type": "none"})", ""},
+      {"type and kinds in any case", R"({"type": "File", "kinds": ["PIC"]})", "file: pic:"},
       {"every term in order",
        R"({"created": "2026", "modified": "today", "smaller_than": "2 GB", "larger_than": "10k",
            "exclude_words": ["tmp", "old copy"], "either_words": ["a"], "words": ["x", "y z"],
