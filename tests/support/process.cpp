@@ -13,6 +13,7 @@
 #include <regex>
 #include <sstream>
 #include <stdexcept>
+#include <utility>
 
 extern char** environ;
 
@@ -190,6 +191,10 @@ LiveProcess::~LiveProcess() {
 std::string LiveProcess::ask(const std::string& line) {
   const std::string bytes = line + "\n";
   if (::write(in_, bytes.data(), bytes.size()) != static_cast<ssize_t>(bytes.size())) return "";
+  return readLine();
+}
+
+std::string LiveProcess::readLine() {
   for (;;) {
     const std::size_t end = pending_.find('\n');
     if (end != std::string::npos) {
@@ -213,6 +218,26 @@ int LiveProcess::finish() {
   ::waitpid(pid_, &status, 0);
   pid_ = -1;
   return exitStatus(status);
+}
+
+int LiveProcess::stop(int signal, int seconds) {
+  ::kill(pid_, signal);
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
+  while (std::chrono::steady_clock::now() < deadline) {
+    int status = 0;
+    if (::waitpid(pid_, &status, WNOHANG) == pid_) {
+      pid_ = -1;
+      return exitStatus(status);
+    }
+    ::poll(nullptr, 0, 10);
+  }
+  return -1;
+}
+
+std::string LiveProcess::rest() {
+  char chunk[65536];
+  for (ssize_t n; (n = ::read(out_, chunk, sizeof chunk)) > 0;) pending_.append(chunk, static_cast<std::size_t>(n));
+  return std::exchange(pending_, std::string());
 }
 
 }  // namespace tarv::testing

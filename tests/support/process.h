@@ -48,8 +48,9 @@ std::vector<std::string> lines(const std::string& text);
 std::string withoutSearchTime(const std::string& text);
 
 // A program kept running for a conversation over its standard input and
-// output, one line each way; standard error is inherited. Killed when the
-// object goes out of scope.
+// output, one line each way, or for reading its output line by line until it
+// is stopped; standard error is inherited. Killed when the object goes out of
+// scope.
 class LiveProcess {
  public:
   LiveProcess(const std::string& program, const std::vector<std::string>& arguments, const ProcessOptions& options);
@@ -60,8 +61,16 @@ class LiveProcess {
   // Sends a line and returns the next line of output (empty after 30 seconds
   // of silence or when the program has gone).
   std::string ask(const std::string& line);
+  // The next line of output, with the same limits.
+  std::string readLine();
   // Closes standard input and returns the exit status.
   int finish();
+  // Sends `signal` and returns the exit status, or -1 when the program has
+  // not ended within `seconds` (it is killed then).
+  int stop(int signal, int seconds = 10);
+  // Everything the program wrote after the lines already read; call after
+  // it has ended.
+  std::string rest();
 
  private:
   int pid_ = -1;
