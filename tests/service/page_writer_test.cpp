@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cstring>
 #include <filesystem>
 #include <random>
 
@@ -271,29 +270,6 @@ TEST(PageWriterFromCatalog, IdsOutsideTheSearchAreRefused) {
   // The same inside a page, where the rows are read ahead in batches first.
   const auto ids = Column<std::int32_t>::owned({0, 1, static_cast<std::int32_t>(search->total()), 2});
   EXPECT_THROW(writer.write(out, ids, 0, 0, ids.size()), KernelError);
-}
-
-TEST(ByteBuffer, GrowsWithoutLosingBytesAndClearKeepsTheMemory) {
-  ByteBuffer buffer;
-  std::string expected;
-  for (int i = 0; i < 2000; ++i) {
-    const std::string piece(static_cast<std::size_t>(i % 37), static_cast<char>('a' + i % 26));
-    if (i % 2 == 0) {
-      buffer.append(piece);
-    } else {
-      char* at = buffer.room(piece.size() + 100);  // more room than used
-      std::memcpy(at, piece.data(), piece.size());
-      buffer.commit(at + piece.size());
-    }
-    expected += piece;
-  }
-  EXPECT_EQ(buffer.view(), expected);
-  const std::size_t capacity = buffer.capacity();
-  buffer.clear();
-  EXPECT_EQ(buffer.size(), 0u);
-  EXPECT_EQ(buffer.capacity(), capacity);
-  buffer.push('x');
-  EXPECT_EQ(buffer.view(), "x");
 }
 
 }  // namespace
