@@ -101,18 +101,6 @@ TEST(RowObject, HasExactlyTheKeysTheRowCarries) {
   for (const RowCase& c : cases) EXPECT_EQ(json::encode(rowObject(c.row)), c.expected) << c.label;
 }
 
-TEST(SearchResultObject, CarriesQueryPagingAndRows) {
-  SearchResult result;
-  result.total = 42;
-  result.searchMs = 0.29;
-  result.rows = {fullRow()};
-  EXPECT_EQ(json::encode(searchResultObject("ext:pdf", "size-desc", 10, result)),
-            R"({"offset":10,"query":"ext:pdf","results":[{"created":"1969-12-31T23:59:59Z",)"
-            R"("modified":"2026-10-01T12:00:00Z","name":"report.pdf","path":"/Users/me/report.pdf","size":2048,)"
-            R"("source":"disk","type":"file","volume":"Macintosh HD"}],"returned":1,"searchMs":0.29,)"
-            R"("sort":"size-desc","total":42})");
-}
-
 TEST(SearchTime, RoundsToHundredthsHalfAwayFromZero) {
   struct RoundCase {
     double in;
