@@ -384,6 +384,7 @@ TEST(SearchIndex, ReadingRejectsSectionsThatDoNotFit) {
   const auto catalog = testing::randomCatalog(4, PathFlavor::posix, 100);
   SearchIndex built(catalog, table);
   const std::int32_t n = catalog->count();
+  const auto rows = static_cast<std::size_t>(n);
   const auto parents = static_cast<std::size_t>(catalog->parentCount());
   std::vector<std::uint16_t> extensions;  // the stored table, re-encoded below
   {
@@ -409,27 +410,20 @@ TEST(SearchIndex, ReadingRejectsSectionsThatDoNotFit) {
   };
   const std::string bad = "Invalid index section ";
   const std::vector<Case> cases = {
-      {"name order one short", section("order.name", std::vector<std::int32_t>(static_cast<std::size_t>(n) - 1, 0)),
-       bad + "order.name"},
-      {"size order one long", section("order.size", std::vector<std::int32_t>(static_cast<std::size_t>(n) + 1, 0)),
-       bad + "order.size"},
+      {"name order one short", section("order.name", std::vector<std::int32_t>(rows - 1, 0)), bad + "order.name"},
+      {"size order one long", section("order.size", std::vector<std::int32_t>(rows + 1, 0)), bad + "order.size"},
       {"parent ranks for one parent", section("parentRanks", std::vector<std::int32_t>{0}), bad + "parentRanks"},
       {"prefix order one long", section("parentPrefixOrder", std::vector<std::int32_t>(parents + 1, 0)),
        bad + "parentPrefixOrder"},
       {"row counts one short", section("parentRowCounts", std::vector<std::int32_t>(parents - 1, 0)),
        bad + "parentRowCounts"},
-      {"grams one short", section("nameGrams", std::vector<std::uint64_t>(static_cast<std::size_t>(n) - 1, 0)),
-       bad + "nameGrams"},
-      {"unit masks one short", section("nameUnits", std::vector<std::uint64_t>(static_cast<std::size_t>(n) - 1, 0)),
-       bad + "nameUnits"},
-      {"unit masks one long", section("nameUnits", std::vector<std::uint64_t>(static_cast<std::size_t>(n) + 1, 0)),
-       bad + "nameUnits"},
-      {"extension ids one short", section("extensionIds", std::vector<std::uint16_t>(static_cast<std::size_t>(n) - 1, 0)),
+      {"grams one short", section("nameGrams", std::vector<std::uint64_t>(rows - 1, 0)), bad + "nameGrams"},
+      {"unit masks one short", section("nameUnits", std::vector<std::uint64_t>(rows - 1, 0)), bad + "nameUnits"},
+      {"unit masks one long", section("nameUnits", std::vector<std::uint64_t>(rows + 1, 0)), bad + "nameUnits"},
+      {"extension ids one short", section("extensionIds", std::vector<std::uint16_t>(rows - 1, 0)),
        bad + "extensionIds"},
-      {"more NUL names than rows", section("nulNames", std::vector<std::int32_t>(static_cast<std::size_t>(n) + 1, 0)),
-       bad + "nulNames"},
-      {"more drive names than rows", section("driveNames", std::vector<std::int64_t>(static_cast<std::size_t>(n) + 1, 0)),
-       bad + "driveNames"},
+      {"more NUL names than rows", section("nulNames", std::vector<std::int32_t>(rows + 1, 0)), bad + "nulNames"},
+      {"more drive names than rows", section("driveNames", std::vector<std::int64_t>(rows + 1, 0)), bad + "driveNames"},
       {"reverse order empty", section("reverseOrder", std::vector<std::int32_t>{}), bad + "reverseOrder"},
       {"separator bit past the rows",
        section("separatorNames", std::vector<std::uint64_t>(Bitset::wordCount(n), ~std::uint64_t(0))),
