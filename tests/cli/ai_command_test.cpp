@@ -72,56 +72,53 @@ class AiCommand : public ::testing::Test {
   FakeProvider server_;
 };
 
-TEST_F(AiCommand, PrintsTheQuery) {
-  server_.reply(200, openAIReply(R"({"extensions": ["PDF"], "words": ["invoice"]})"));
-  const ProcessResult result = tarv({"ai", "PDF", "invoices"});
-  EXPECT_EQ(result.err, "");
-  EXPECT_EQ(result.out, "ext:pdf invoice\n");
-  EXPECT_EQ(result.status, 0);
-
-  const std::vector<RecordedRequest> requests = server_.requests();
-  ASSERT_EQ(requests.size(), 1u);
-  EXPECT_EQ(requests[0].target, "/v1/chat/completions");
-  EXPECT_EQ(requests[0].headers.at("authorization"), "Bearer sk-cli");
-  const json::Value body = bodyOf(requests[0]);
-  EXPECT_EQ(body["model"], "m-chat");
-  EXPECT_EQ(body["messages"][1], (json::Value{{"role", "user"}, {"content", "PDF invoices"}}));
-}
-
-TEST_F(AiCommand, CompactJson) {
-  server_.reply(200, openAIReply(R"({"words": ["invoice"], "kinds": ["sticker"]})"));
-  const ProcessResult result = tarv({"ai", "--json", "invoice stickers"});
-  EXPECT_EQ(result.out,
-            "{\"description\":\"invoice stickers\",\"problems\":[\"忽略了未知的文件种类：sticker\"],"
-            "\"query\":\"invoice\"}\n");
-  EXPECT_EQ(result.status, 0);
-}
-
-TEST_F(AiCommand, AnthropicWithOverrides) {
-  server_.reply(200, anthropicReply(R"({"exact_name": "manual.pdf"})"));
-  const ProcessResult result =
-      tarv({"ai", "the", "--provider", "anthropic", "manual", "--model", "claude-fable-5-1"},
-           {{"TARV_API_KEY_ANTHROPIC", "ak-cli"}});
-  EXPECT_EQ(result.err, "");
-  EXPECT_EQ(result.out, "wfn:manual.pdf\n");
-  const std::vector<RecordedRequest> requests = server_.requests();
-  ASSERT_EQ(requests.size(), 1u);
-  EXPECT_EQ(requests[0].target, "/v1/messages");
-  EXPECT_EQ(requests[0].headers.at("x-api-key"), "ak-cli");
-  EXPECT_EQ(requests[0].headers.at("anthropic-beta"), "server-side-fallback-2026-07-01");
-  EXPECT_EQ(bodyOf(requests[0])["model"], "claude-fable-5-1");
-  EXPECT_EQ(bodyOf(requests[0])["messages"][0]["content"], "the manual");
-}
-
-TEST_F(AiCommand, SearchPrintsPaths) {
-  server_.reply(200, openAIReply(R"({"words": ["invoice"]})"));
-  server_.reply(200, openAIReply(R"({"extensions": ["pdf"]})"));
-  ProcessResult result = tarv({"ai", "--search", "invoices"});
-  EXPECT_EQ(result.err, "");
-  EXPECT_EQ(result.out, "/srv/docs/invoice notes.txt\n/srv/docs/invoice-2026.pdf\n");
-  EXPECT_EQ(result.status, 0);
-  result = tarv({"ai", "pdfs", "--search"});
-  EXPECT_EQ(result.out, "/srv/docs/invoice-2026.pdf\n/srv/docs/manual.pdf\n");
+// Each run sends one request built from the settings file, the environment's
+// key and the options, and prints the query, its JSON or the paths it finds.
+TEST_F(AiCommand, PrintsTheQueryItsJsonOrThePaths) {
+  struct Case {
+    const char* label;
+    Words words;
+    std::map<std::string, std::optional<std::string>> env;
+    std::string reply;
+    std::string out;
+    std::string target;
+    std::pair<std::string, std::string> keyHeader;
+    std::string model;
+    std::string description;  // what the person typed, as the model sees it
+  };
+  const std::pair<std::string, std::string> bearer{"authorization", "Bearer sk-cli"};
+  const std::vector<Case> cases = {
+      {"the query", {"ai", "PDF", "invoices"}, {}, openAIReply(R"({"extensions": ["PDF"], "words": ["invoice"]})"),
+       "ext:pdf invoice\n", "/v1/chat/completions", bearer, "m-chat", "PDF invoices"},
+      {"compact JSON with the problems", {"ai", "--json", "invoice stickers"}, {},
+       openAIReply(R"({"words": ["invoice"], "kinds": ["sticker"]})"),
+       "{\"description\":\"invoice stickers\",\"problems\":[\"忽略了未知的文件种类：sticker\"],\"query\":\"invoice\"}\n",
+       "/v1/chat/completions", bearer, "m-chat", "invoice stickers"},
+      {"provider and model from the options", {"ai", "the", "--provider", "anthropic", "manual", "--model", "claude-fable-5-1"},
+       {{"TARV_API_KEY_ANTHROPIC", "ak-cli"}}, anthropicReply(R"({"exact_name": "manual.pdf"})"), "wfn:manual.pdf\n",
+       "/v1/messages", {"x-api-key", "ak-cli"}, "claude-fable-5-1", "the manual"},
+      {"--search prints the paths", {"ai", "--search", "invoices"}, {}, openAIReply(R"({"words": ["invoice"]})"),
+       "/srv/docs/invoice notes.txt\n/srv/docs/invoice-2026.pdf\n", "/v1/chat/completions", bearer, "m-chat", "invoices"},
+      {"--search after the words", {"ai", "pdfs", "--search"}, {}, openAIReply(R"({"extensions": ["pdf"]})"),
+       "/srv/docs/invoice-2026.pdf\n/srv/docs/manual.pdf\n", "/v1/chat/completions", bearer, "m-chat", "pdfs"},
+  };
+  for (const Case& c : cases) {
+    const std::size_t before = server_.requests().size();
+    server_.reply(200, c.reply);
+    const ProcessResult result = tarv(c.words, c.env);
+    EXPECT_EQ(result.err, "") << c.label;
+    EXPECT_EQ(result.out, c.out) << c.label;
+    EXPECT_EQ(result.status, 0) << c.label;
+    const std::vector<RecordedRequest> requests = server_.requests();
+    ASSERT_EQ(requests.size(), before + 1) << c.label;
+    const RecordedRequest& request = requests.back();
+    EXPECT_EQ(request.target, c.target) << c.label;
+    EXPECT_EQ(request.headers.count(c.keyHeader.first) ? request.headers.at(c.keyHeader.first) : "", c.keyHeader.second)
+        << c.label;
+    const json::Value body = bodyOf(request);
+    EXPECT_EQ(body["model"], c.model) << c.label;
+    EXPECT_EQ(body["messages"].back(), (json::Value{{"role", "user"}, {"content", c.description}})) << c.label;
+  }
 }
 
 TEST_F(AiCommand, SearchJson) {
