@@ -1,7 +1,7 @@
 // The built `tarv` and the compiled comparison table in its index cache: the
-// first run compiles it, later runs read it and answer exactly alike, a
-// damaged copy is rebuilt without a word, and a changed table file is seen
-// at once (its new fingerprint gives the sources new cache keys).
+// first run compiles it, later runs read it and answer exactly alike, and a
+// changed table file is seen at once (its new fingerprint gives the sources
+// new cache keys). Damaged copies are the table loader's own tests.
 
 #include <gtest/gtest.h>
 
@@ -61,7 +61,7 @@ class CompiledTableCommand : public ::testing::Test {
   fs::path cache_ = dir_ / "cache";
 };
 
-TEST_F(CompiledTableCommand, CompiledOnceReadLaterRebuiltWhenDamagedRenewedWhenTheTableChanges) {
+TEST_F(CompiledTableCommand, CompiledOnceReadLaterRenewedWhenTheTableChanges) {
   const std::vector<std::string> search = {"search", "resume", "--sort", "size-asc"};
   const ProcessResult first = tarv(search);
   // Folding from the table: "resume" finds the accented, upper-case name too.
@@ -73,10 +73,6 @@ TEST_F(CompiledTableCommand, CompiledOnceReadLaterRebuiltWhenDamagedRenewedWhenT
   const std::string good = testing::readFile(compiled.front());
   ASSERT_EQ(filesEndingIn(cache_, ".tarvidx").size(), 1u);
 
-  EXPECT_EQ(tarv(search).out, first.out);
-  EXPECT_EQ(testing::readFile(compiled.front()), good);
-
-  std::ofstream(compiled.front(), std::ios::trunc) << "not a compiled table";
   EXPECT_EQ(tarv(search).out, first.out);
   EXPECT_EQ(testing::readFile(compiled.front()), good);
 
