@@ -231,6 +231,11 @@ int LiveProcess::stop(int signal, int seconds) {
     }
     ::poll(nullptr, 0, 10);
   }
+  // A program that ignores the signal must not hang the test that reads
+  // its remaining output.
+  ::kill(pid_, SIGKILL);
+  ::waitpid(pid_, nullptr, 0);
+  pid_ = -1;
   return -1;
 }
 
