@@ -107,7 +107,7 @@ void expectHits(const std::vector<MatchCase>& cases, const Catalog& catalog) {
   for (const auto& c : cases) EXPECT_EQ(hits(c.query, catalog), c.expected) << c.label << ": " << c.query;
 }
 
-TEST(QueryMatchText, NamesAndPaths) {
+TEST(QueryMatchText, NamesPathsAndWildcards) {
   expectHits(
       {
           {"empty query matches all", "",
@@ -129,13 +129,6 @@ TEST(QueryMatchText, NamesAndPaths) {
           {"or", "notes|readme", "README.md,notes.TXT,readme"},
           {"not", "readme !case:readme", "README.md"},
           {"negated group", "!<e|a>", "docs"},
-      },
-      *posixCatalog());
-}
-
-TEST(QueryMatchText, Wildcards) {
-  expectHits(
-      {
           {"suffix", "*.md", "README.md"},
           {"suffix folded", "*.MD", "README.md"},
           {"suffix case-sensitive", "case:*.MD", ""},
@@ -152,7 +145,8 @@ TEST(QueryMatchText, Wildcards) {
       *posixCatalog());
 }
 
-TEST(QueryMatchFunctions, ExtensionsAndTypes) {
+TEST(QueryMatchFunctions, ExtensionsTypesParentsAndVolumes) {
+  const char* direct = "README.md,notes.TXT,docs,Makefile,.bashrc,archive.tar.gz,Trailing.";
   expectHits(
       {
           {"extension", "ext:md", "README.md"},
@@ -171,14 +165,6 @@ TEST(QueryMatchFunctions, ExtensionsAndTypes) {
           {"folder with a name", "folder:docs", "docs"},
           {"file with a name", "file:re", "README.md,report.pdf,readme"},
           {"not a folder", "!folder: me", "README.md,readme"},
-      },
-      *posixCatalog());
-}
-
-TEST(QueryMatchFunctions, ParentsAndVolumes) {
-  const char* direct = "README.md,notes.TXT,docs,Makefile,.bashrc,archive.tar.gz,Trailing.";
-  expectHits(
-      {
           {"parent", "parent:/home/me", direct},
           {"parent with separator", "parent:/home/me/", direct},
           {"parent folded", "parent:/HOME/ME", direct},
@@ -197,7 +183,7 @@ TEST(QueryMatchFunctions, ParentsAndVolumes) {
       *posixCatalog());
 }
 
-TEST(QueryMatchNumbers, SizesAndUnknowns) {
+TEST(QueryMatchNumbers, SizesDatesAndUnknowns) {
   expectHits(
       {
           {"KB bucket", "size:1.5kb", "notes.TXT,report.pdf"},
@@ -214,15 +200,6 @@ TEST(QueryMatchNumbers, SizesAndUnknowns) {
           {"size on disk", "size-on-disk:4kb", "README.md,report.pdf"},
           {"size on disk unknown includes folders", "size-on-disk:unknown",
            "me,notes.TXT,docs,Makefile,.bashrc,readme,archive.tar.gz,Trailing."},
-      },
-      *posixCatalog());
-  // With folder sizes on, a folder whose size is unknown is selected too.
-  EXPECT_EQ(hits("size:unknown", *posixCatalog(), true), "me,docs,Makefile");
-}
-
-TEST(QueryMatchNumbers, Dates) {
-  expectHits(
-      {
           {"today", "dm:today", "README.md"},
           {"today, folded names", "DM:Today", "README.md"},
           {"month", "dm:2026-01", "notes.TXT"},
@@ -235,6 +212,8 @@ TEST(QueryMatchNumbers, Dates) {
            "me,notes.TXT,docs,report.pdf,Makefile,.bashrc,readme,archive.tar.gz,Trailing."},
       },
       *posixCatalog());
+  // With folder sizes on, a folder whose size is unknown is selected too.
+  EXPECT_EQ(hits("size:unknown", *posixCatalog(), true), "me,docs,Makefile");
 }
 
 TEST(QueryMatchWindows, DrivesAndParents) {
