@@ -317,20 +317,25 @@ TEST(CatalogBuilderPrepared, SameCatalogAsPlainPaths) {
     const char* label;
     PathFlavor flavor;
     bool infer;
-    const char16_t* separator;
+    Text separators;  // drawn at random per folder
+    Text units;       // of folder names
   } settings[] = {
-      {"windows with inference", PathFlavor::windows, true, u"\\"},
-      {"posix without inference", PathFlavor::posix, false, u"/"},
+      {"windows with inference, either separator", PathFlavor::windows, true, u"\\/", u"abc"},
+      {"posix without inference, backslashes in names", PathFlavor::posix, false, u"/", u"ab\\"},
   };
   for (const Setting& setting : settings) {
-    // Runs of siblings, with repeats, so sameParent chains are long and broken.
+    // Runs of siblings, with repeats, so sameParent chains are long and
+    // broken (also between parents of one length); some names end in a
+    // separator (an empty name), a few have no parent at all.
     std::vector<std::pair<Text, bool>> records;
+    auto separator = [&] { return setting.separators[random() % setting.separators.size()]; };
     for (int i = 0; i < 20000; ++i) {
       Text path = u"C:";
       for (int depth = static_cast<int>(random() % 4); depth >= 0; --depth)
-        path += setting.separator + Text(1, static_cast<char16_t>(u'a' + random() % 3));
-      path += setting.separator;
-      if (random() % 10) path += Text(1, static_cast<char16_t>(u'k' + random() % 20));
+        path += Text(1, separator()) + setting.units[random() % setting.units.size()];
+      path += separator();
+      if (random() % 50 == 0) path.clear();
+      if (path.empty() || random() % 10) path += Text(1, static_cast<char16_t>(u'k' + random() % 20));
       records.emplace_back(path, random() % 5 == 0);
       for (int sibling = static_cast<int>(random() % 4); sibling > 0; --sibling)
         records.emplace_back(path + Text(1, static_cast<char16_t>(u'0' + random() % 10)), random() % 7 == 0);
@@ -355,31 +360,6 @@ TEST(CatalogBuilderPrepared, SameCatalogAsPlainPaths) {
       ASSERT_EQ(a.parts().sizes[row], b.parts().sizes[row]) << setting.label << row;
     }
   }
-}
-
-TEST(CatalogBuilderPrepared, SplitsLikeThePathFlavor) {
-  struct Case {
-    const char* label;
-    PathFlavor flavor;
-    const char16_t* path;
-    std::uint32_t parentLength;
-  } cases[] = {
-      {"posix", PathFlavor::posix, u"/a/b", 3},
-      {"posix keeps backslashes in names", PathFlavor::posix, u"/a\\b", 1},
-      {"windows takes either separator", PathFlavor::windows, u"C:\\a/b", 5},
-      {"no separator", PathFlavor::windows, u"name", 0},
-      {"trailing separator: empty name", PathFlavor::posix, u"/a/", 3},
-  };
-  for (const Case& c : cases) {
-    PreparedPath p = CatalogBuilder::prepare(c.flavor, c.path);
-    EXPECT_EQ(p.parentLength, c.parentLength) << c.label;
-    EXPECT_FALSE(p.sameParent) << c.label;
-    PreparedPath again = CatalogBuilder::prepare(c.flavor, c.path, &p);
-    EXPECT_TRUE(again.sameParent) << c.label;
-  }
-  PreparedPath a = CatalogBuilder::prepare(PathFlavor::posix, u"/a/x");
-  EXPECT_FALSE(CatalogBuilder::prepare(PathFlavor::posix, u"/b/x", &a).sameParent);
-  EXPECT_FALSE(CatalogBuilder::prepare(PathFlavor::posix, u"/a/x/y", &a).sameParent);
 }
 
 // Plain and prepared paths are checked alike; a refused record leaves the
