@@ -175,7 +175,7 @@ TEST(QueryParserModifiers, ModifyRecursesAndRecomputes) {
             "(parent \"/E\" \"/e\" path whole))");
 }
 
-TEST(QueryParserFunctions, FileAndFolder) {
+TEST(QueryParserFunctions, FunctionsMacrosAndPathFlags) {
   expectShapes({
       {"bare file", "file:", "file"},
       {"bare folder", "Folder:", "folder"},
@@ -193,11 +193,6 @@ TEST(QueryParserFunctions, FileAndFolder) {
       {"modifier inside the value ends the token", "file:case:!X",
        "(and file (text \"\") (not (text \"X\" \"x\")))"},
       {"quoted modifier inside the value", "file:\"case:!X\"", "(and file (not (text \"X\" case)))"},
-  });
-}
-
-TEST(QueryParserFunctions, ExtensionsAndMacros) {
-  expectShapes({
       {"trailing semicolon dropped once", "ext:pdf;docx;", "(ext \"pdf\" \"docx\")"},
       {"empty value", "ext:", "(ext \"\")"},
       {"lone semicolon", "ext:;", "(ext \"\")"},
@@ -211,7 +206,39 @@ TEST(QueryParserFunctions, ExtensionsAndMacros) {
       {"unknown function is literal", "foo:bar", "(text \"foo:bar\")"},
       {"several colons", "x:y:z", "(text \"x:y:z\")"},
       {"lone colon", ":", "(text \":\")"},
+      {"size without value is zero bytes", "size:", "(size 0 0)"},
+      {"unknown size", "size:UNKNOWN", "(size unknown)"},
+      {"zero kilobytes is empty", "size:0kb", "(size 18446744073709550593 0)"},
+      {"size on disk", "size-on-disk:1kb", "(allocated 1 1024)"},
+      {"unknown creation date", "dc:unknown", "(created unknown)"},
+      {"bad month matches nothing", "date-modified:2026-13",
+       "(modified 18446744073709551615 18446744073709551615)"},
+      {"volume label folded", "volume-label:Backup", "(volume \"Backup\" \"backup\")"},
+      {"volume label case", "case:volume-label:Backup", "(volume \"Backup\" case)"},
+      {"parent trims the separator", "parent:/home/me/", "(parent \"/home/me\" path whole)"},
+      {"parent root stays", "parent:/", "(parent \"/\" path whole)"},
+      {"empty parent", "parent:", "(parent \"\" whole)"},
+      {"slash is a separator", "a/b", "(text \"a/b\" path)"},
+      {"backslash is not a posix separator", "a\\b", "(text \"a\\\\b\")"},
+      {"drive is not special on posix", "C:", "(text \"C:\" \"c:\")"},
+      {"star", "*.txt", "(text \"*.txt\" wild)"},
+      {"question mark", "a?b", "(text \"a?b\" wild)"},
   });
+  expectShapes(
+      {
+          {"windows drive parent", "parent:C:\\", "(parent \"C:\" \"c:\" path whole)"},
+          {"windows parent folder", "parent:C:\\Users\\", "(parent \"C:\\\\Users\" \"c:\\\\users\" path whole)"},
+          {"backslash separates on windows", "a\\b", "(text \"a\\\\b\" path)"},
+          {"slash separates on windows", "a/b", "(text \"a/b\" path)"},
+          {"drive is a path", "C:", "(text \"C:\" \"c:\" path)"},
+          {"three units are not a drive", "C:x", "(text \"C:x\" \"c:x\")"},
+          {"colon must be second", ":C", "(text \":C\" \":c\")"},
+      },
+      PathFlavor::windows);
+}
+
+// The extension text is kept as typed; the macro lists are the documented ones.
+TEST(QueryParserFunctions, ExtensionTextAndMacroLists) {
   auto ext = parseWith("ext:PDF");
   EXPECT_EQ(ext->text, u"PDF");
   EXPECT_TRUE(ext->raw.empty());
@@ -232,48 +259,6 @@ TEST(QueryParserFunctions, ExtensionsAndMacros) {
     EXPECT_EQ(term->extensions.front(), m.first) << m.macro;
     EXPECT_EQ(term->extensions.back(), m.last) << m.macro;
   }
-}
-
-TEST(QueryParserFunctions, SizesDatesVolumesParents) {
-  expectShapes({
-      {"size without value is zero bytes", "size:", "(size 0 0)"},
-      {"unknown size", "size:UNKNOWN", "(size unknown)"},
-      {"zero kilobytes is empty", "size:0kb", "(size 18446744073709550593 0)"},
-      {"size on disk", "size-on-disk:1kb", "(allocated 1 1024)"},
-      {"unknown creation date", "dc:unknown", "(created unknown)"},
-      {"bad month matches nothing", "date-modified:2026-13",
-       "(modified 18446744073709551615 18446744073709551615)"},
-      {"volume label folded", "volume-label:Backup", "(volume \"Backup\" \"backup\")"},
-      {"volume label case", "case:volume-label:Backup", "(volume \"Backup\" case)"},
-      {"parent trims the separator", "parent:/home/me/", "(parent \"/home/me\" path whole)"},
-      {"parent root stays", "parent:/", "(parent \"/\" path whole)"},
-      {"empty parent", "parent:", "(parent \"\" whole)"},
-  });
-  expectShapes(
-      {
-          {"windows drive parent", "parent:C:\\", "(parent \"C:\" \"c:\" path whole)"},
-          {"windows parent folder", "parent:C:\\Users\\", "(parent \"C:\\\\Users\" \"c:\\\\users\" path whole)"},
-      },
-      PathFlavor::windows);
-}
-
-TEST(QueryParserFunctions, FullPathAndWildcardFlags) {
-  expectShapes({
-      {"slash is a separator", "a/b", "(text \"a/b\" path)"},
-      {"backslash is not a posix separator", "a\\b", "(text \"a\\\\b\")"},
-      {"drive is not special on posix", "C:", "(text \"C:\" \"c:\")"},
-      {"star", "*.txt", "(text \"*.txt\" wild)"},
-      {"question mark", "a?b", "(text \"a?b\" wild)"},
-  });
-  expectShapes(
-      {
-          {"backslash separates on windows", "a\\b", "(text \"a\\\\b\" path)"},
-          {"slash separates on windows", "a/b", "(text \"a/b\" path)"},
-          {"drive is a path", "C:", "(text \"C:\" \"c:\" path)"},
-          {"three units are not a drive", "C:x", "(text \"C:x\" \"c:x\")"},
-          {"colon must be second", ":C", "(text \":C\" \":c\")"},
-      },
-      PathFlavor::windows);
 }
 
 // ---- Robustness -------------------------------------------------------------
