@@ -8,7 +8,7 @@
 // directory C:\debian, as bench/datasets writes them). Without --table the
 // shipped table is found the usual way. --phases also times the index's
 // parts one by one (parent ranks, tie-break sort, each stored order, the
-// reverse name order). --verify checks that every adjacent pair of every
+// reverse and folded name orders). --verify checks that every adjacent pair of every
 // order (stored, volume-label and reversed-name) is in order, and that the
 // mapped index gives the same orders. Times are wall seconds with the process's CPU seconds
 // beside them, since other processes on a busy machine inflate wall time.
@@ -158,6 +158,7 @@ int main(int argc, char** argv) {
         timed(label.c_str(), [&] { return tarv::RowOrder::orderFrom(*catalog, tieBreak, key, ranks); });
       }
       timed("phase.reverseOrder", [&] { return tarv::NameCandidates::buildReverseOrder(*catalog, *compatibility); });
+      timed("phase.foldedOrder", [&] { return tarv::NameCandidates::buildFoldedOrder(*catalog, *compatibility); });
     }
 
     std::shared_ptr<const tarv::SearchIndex> index;

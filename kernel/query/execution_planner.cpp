@@ -215,8 +215,19 @@ class Compiler {
                      [&](std::uint32_t x, std::uint32_t y) { return weight(x) < weight(y); });
   }
 
-  // The candidates of a literal start (prefix) or end (suffix) of names.
-  bool nameRanges(const Term& term, std::size_t prefix, std::size_t suffix, Step& step) {
+  // Longest pattern end (units after the last `*`) looked up unit by unit
+  // in the reversed-name order, and the most ranges its `?` units may split
+  // it into, beyond which a scan is cheaper than the lookups.
+  static constexpr std::size_t kMaxTailUnits = 256;
+  static constexpr std::size_t kMaxTailRanges = 2048;
+
+  // The candidates of a literal start (prefix) or an end (suffix: literal
+  // units and `?`) of names. `prefix` counts the literal units at the start;
+  // `tail` the units after the last `*` (all of them without a `*`), which
+  // then hold at least one literal unit; `whole`: the name must be exactly
+  // the prefix (wfn:) or exactly the tail (a pattern without `*`). Sets
+  // `step.exact` when the ranges hold exactly the matching rows.
+  bool nameRanges(const Term& term, std::size_t prefix, std::size_t tail, bool whole, Step& step) {
     const NameCandidates* names = index_.names();
     if (names == nullptr || term.text.size() != term.raw.size()) return false;
     const Compatibility& table = index_.compatibility();
@@ -225,27 +236,85 @@ class Compiler {
     std::int64_t best = rows() / 4 + 1;
     bool chosen = false;
     if (prefix > 0) {
-      if (auto ranges = names->prefixRanges(TextView(folded).substr(0, prefix))) {
+      const TextView start = TextView(folded).substr(0, prefix);
+      if (names->hasFoldedOrder()) {
+        const NameCandidates::Range range = names->foldedRange(start, whole && !term.wildcard);
+        if (range.size() < best) {
+          best = range.size();
+          step.method = Method::prefix;
+          step.ranges = {range};
+          step.folded = true;
+          // A whole name, or "abc*": the range compares folded units
+          // exactly as the matcher does.
+          step.exact = !term.sensitive && (term.wildcard ? prefix + 1 == term.raw.size() && term.raw.back() == u'*'
+                                                         : whole && prefix == term.text.size());
+          chosen = true;
+        }
+      } else if (auto ranges = names->prefixRanges(start)) {
         const std::int64_t size = (*ranges)[0].size() + (*ranges)[1].size();
         if (size < best) {
           best = size;
           step.method = Method::prefix;
-          step.ranges = *ranges;
+          step.ranges = {(*ranges)[0], (*ranges)[1]};
+          step.folded = false;
+          step.exact = !term.sensitive && term.wildcard && prefix + 1 == term.raw.size() && term.raw.back() == u'*';
           chosen = true;
         }
       }
     }
-    if (suffix > 0) {
-      const auto range = names->suffixRange(TextView(folded).substr(folded.size() - suffix));
-      if (range.size() < best) {
-        best = range.size();
-        step.method = Method::suffix;
-        step.ranges = {range, NameCandidates::Range{}};
-        chosen = true;
+    if (tail > 0 && tail <= kMaxTailUnits) {
+      // The tail read backwards: folded units, or any unit for `?`.
+      const std::size_t from = folded.size() - tail;
+      std::vector<std::int32_t> pattern;
+      bool anyUnit = false;
+      for (std::size_t k = folded.size(); k-- > from;) {
+        const bool any = term.raw[k] == u'?';
+        anyUnit = anyUnit || any;
+        pattern.push_back(any ? NameCandidates::kAnyUnit : static_cast<std::int32_t>(folded[k]));
+      }
+      std::optional<std::vector<NameCandidates::Range>> ranges;
+      if (!anyUnit && !whole) {
+        ranges = std::vector<NameCandidates::Range>{names->suffixRange(TextView(folded).substr(from))};
+      } else {
+        ranges = names->suffixRanges(pattern, kMaxTailRanges);
+        // Without a `*` the name is the tail: only names of that length.
+        if (ranges && whole) narrowToLength(*names, *ranges, tail);
+      }
+      if (ranges) {
+        std::int64_t size = 0;
+        for (const NameCandidates::Range& r : *ranges) size += r.size();
+        if (size < best) {
+          best = size;
+          step.method = Method::suffix;
+          step.ranges = std::move(*ranges);
+          step.folded = false;
+          // "*abc", "*.py?" and "?akefile": every unit outside the tail is
+          // absorbed by one leading `*`, or there is none.
+          step.exact = !term.sensitive && (whole || (from == 1 && term.raw[0] == u'*'));
+          chosen = true;
+        }
       }
     }
     if (chosen) step.estimate = best + static_cast<std::int64_t>(names->nulNames().size());
     return chosen;
+  }
+
+  // Keeps, of each range of reverseOrder, the names exactly `length` units
+  // long: they sort first among the names sharing those last units.
+  static void narrowToLength(const NameCandidates& names, std::vector<NameCandidates::Range>& ranges,
+                             std::size_t length) {
+    const Catalog& c = names.catalog();
+    const std::int32_t* order = names.reverseOrder().data();
+    for (NameCandidates::Range& r : ranges) {
+      std::int64_t lo = r.begin, hi = r.end;
+      while (lo < hi) {
+        const std::int64_t mid = lo + (hi - lo) / 2;
+        const std::int32_t row = order[mid];
+        if (c.hasRow(row) && c.nameUnits(row).size() <= length) lo = mid + 1;
+        else hi = mid;
+      }
+      r.end = lo;
+    }
   }
 
   void text(const Term& term, Step& step) {
@@ -261,18 +330,16 @@ class Compiler {
     if (term.wildcard) {
       // The literal start and end of the pattern, up to the first and from
       // the last wildcard.
+      // The literal start, up to the first wildcard; the end after the last
+      // `*` (its `?` units included), or the whole pattern when it has no
+      // `*`, as long as the end holds a literal unit.
       const Text& raw = term.raw;
       const std::size_t first = raw.find_first_of(u"*?");
-      const std::size_t last = raw.find_last_of(u"*?");
-      if (nameRanges(term, first, raw.size() - 1 - last, step)) {
-        // "abc*" and "*abc": the range itself is the answer, as the ranges
-        // compare folded units exactly as the matcher does.
-        const bool oneStar = first == last && raw[first] == u'*';
-        step.exact = !term.sensitive && oneStar &&
-                     ((step.method == Method::suffix && first == 0) ||
-                      (step.method == Method::prefix && last == raw.size() - 1));
-        return;
-      }
+      const std::size_t star = raw.find_last_of(u'*');
+      const bool starless = star == Text::npos;
+      const std::size_t tail = starless ? raw.size() : raw.size() - 1 - star;
+      const bool literalInTail = raw.find_first_not_of(u"*?", starless ? 0 : star + 1) != Text::npos;
+      if (nameRanges(term, first, literalInTail ? tail : 0, starless, step)) return;
       if (term.nameGrams != 0) {
         step.method = Method::pattern;
         step.mask = term.nameGrams;
@@ -280,7 +347,7 @@ class Compiler {
       }
       return;
     }
-    if (term.whole && nameRanges(term, term.text.size(), 0, step)) return;
+    if (term.whole && nameRanges(term, term.text.size(), 0, true, step)) return;
     if (term.text.size() == 1 && !term.whole) {
       if (auto set = units().of(term.text[0], term.sensitive)) {
         step.units = *set;

@@ -10,12 +10,13 @@ namespace tarv {
 
 NameCandidates::NameCandidates(CatalogPtr catalog, std::shared_ptr<const Compatibility> compatibility,
                                Column<std::int32_t> nameOrder, Column<std::int32_t> reverseOrder,
-                               Column<std::int32_t> nulNames)
+                               Column<std::int32_t> nulNames, Column<std::int32_t> foldedOrder)
     : catalog_(std::move(catalog)),
       compatibility_(std::move(compatibility)),
       nameOrder_(std::move(nameOrder)),
       reverseOrder_(std::move(reverseOrder)),
-      nulNames_(std::move(nulNames)) {}
+      nulNames_(std::move(nulNames)),
+      foldedOrder_(std::move(foldedOrder)) {}
 
 bool NameCandidates::prefixClassesCompatible() const {
   // A walk over all 65536 units: worth doing only for a search that asks.
@@ -90,6 +91,87 @@ NameCandidates::Range NameCandidates::suffixRange(TextView suffix) const noexcep
   return {lo - first, hi - first};
 }
 
+NameCandidates::Range NameCandidates::foldedRange(TextView prefix, bool whole) const noexcept {
+  if (!hasFoldedOrder()) return {};
+  const Catalog& c = *catalog_;
+  const Compatibility& t = *compatibility_;
+  // <0: the name sorts before every name in the range; 0: in it. Names equal
+  // to the prefix come first among those that start with it, so a whole
+  // name is the start of the prefix range.
+  auto place = [&](std::int32_t row) {
+    const TextView name = c.hasRow(row) ? c.nameUnits(row) : TextView();
+    for (std::size_t i = 0; i < prefix.size(); ++i) {
+      if (i >= name.size()) return -1;
+      const Unit a = t.fold(name[i]);
+      if (a != prefix[i]) return a < prefix[i] ? -1 : 1;
+    }
+    return whole && name.size() > prefix.size() ? 1 : 0;
+  };
+  const std::int32_t* first = foldedOrder_.data();
+  const std::int32_t* last = first + foldedOrder_.size();
+  const std::int32_t* lo = std::partition_point(first, last, [&](std::int32_t row) { return place(row) < 0; });
+  const std::int32_t* hi = std::partition_point(lo, last, [&](std::int32_t row) { return place(row) == 0; });
+  return {lo - first, hi - first};
+}
+
+std::optional<std::vector<NameCandidates::Range>> NameCandidates::suffixRanges(std::span<const std::int32_t> pattern,
+                                                                               std::size_t maxRanges) const {
+  const Catalog& c = *catalog_;
+  const Compatibility& t = *compatibility_;
+  const std::int32_t* order = reverseOrder_.data();
+  // The folded unit j places from the end of a row's name, or -1 when the
+  // name is shorter (those sort first among names sharing the units after).
+  auto unitAt = [&](std::int64_t position, std::size_t j) -> std::int32_t {
+    const std::int32_t row = order[position];
+    const TextView name = c.hasRow(row) ? c.nameUnits(row) : TextView();
+    return j < name.size() ? static_cast<std::int32_t>(t.fold(name[name.size() - 1 - j])) : -1;
+  };
+  // Within a range whose names share their last j units, the names are
+  // ordered by unit j; the positions whose unit j is below / at most `u`.
+  auto below = [&](Range r, std::size_t j, std::int32_t u) {
+    std::int64_t lo = r.begin, hi = r.end;
+    while (lo < hi) {
+      const std::int64_t mid = lo + (hi - lo) / 2;
+      if (unitAt(mid, j) < u) lo = mid + 1;
+      else hi = mid;
+    }
+    return lo;
+  };
+  std::vector<Range> out;
+  // Depth-first over the any-unit positions: (range, next position) pairs.
+  std::vector<std::pair<Range, std::size_t>> pending{{Range{0, static_cast<std::int64_t>(reverseOrder_.size())}, 0}};
+  while (!pending.empty()) {
+    auto [r, j] = pending.back();
+    pending.pop_back();
+    // The equal units narrow the range in place.
+    while (j < pattern.size() && pattern[j] != kAnyUnit && r.size() > 0) {
+      r = {below(r, j, pattern[j]), below(r, j, pattern[j] + 1)};
+      ++j;
+    }
+    if (r.size() <= 0) continue;
+    if (j == pattern.size()) {
+      out.push_back(r);
+      if (out.size() > maxRanges) return std::nullopt;
+      continue;
+    }
+    // Any unit: one sub-range per distinct unit at j, shorter names skipped.
+    // Each step moves forward by at least one position, so a damaged order
+    // (not sorted) cannot stall the walk.
+    std::int64_t at = below(r, j, 0);
+    std::size_t pieces = 0;
+    while (at < r.end) {
+      const std::int32_t u = unitAt(at, j);
+      const std::int64_t end = std::max(at + 1, below({at, r.end}, j, u + 1));
+      pending.push_back({Range{at, end}, j + 1});
+      at = end;
+      if (++pieces > maxRanges) return std::nullopt;
+    }
+  }
+  // Ascending positions, so the rows are read in the order's direction.
+  std::sort(out.begin(), out.end(), [](const Range& a, const Range& b) { return a.begin < b.begin; });
+  return out;
+}
+
 int NameCandidates::compareReversed(const Compatibility& compatibility, TextView a, TextView b) noexcept {
   const std::size_t shared = std::min(a.size(), b.size());
   for (std::size_t j = 0; j < shared; ++j) {
@@ -100,11 +182,25 @@ int NameCandidates::compareReversed(const Compatibility& compatibility, TextView
   return a.size() < b.size() ? -1 : a.size() > b.size() ? 1 : 0;
 }
 
-Buffer<std::int32_t> NameCandidates::buildReverseOrder(const Catalog& catalog, const Compatibility& compatibility,
-                                                       PrefixScratch* scratch) {
-  // Slices of the name read backwards, one slot per unit: the unit's fold code
-  // (at least 1), or 0 past the start of the name, so a name that ends first
-  // sorts first and a slice ending in 0 means the name ended within it.
+int NameCandidates::compareFolded(const Compatibility& compatibility, TextView a, TextView b) noexcept {
+  const std::size_t shared = std::min(a.size(), b.size());
+  for (std::size_t j = 0; j < shared; ++j) {
+    const Unit x = compatibility.fold(a[j]);
+    const Unit y = compatibility.fold(b[j]);
+    if (x != y) return x < y ? -1 : 1;
+  }
+  return a.size() < b.size() ? -1 : a.size() > b.size() ? 1 : 0;
+}
+
+namespace {
+
+// Rows sorted by their folded names read forwards or backwards, in slices of
+// fold codes: the unit's code (at least 1), or 0 past the end of the name, so
+// a name that ends first sorts first and a slice ending in 0 means the name
+// ended within it.
+template <bool kBackwards>
+Buffer<std::int32_t> foldedNameOrder(const Catalog& catalog, const Compatibility& compatibility,
+                                     PrefixScratch* scratch) {
   const name_collation::FoldCodes codes(compatibility);
   const std::int32_t n = catalog.count();
   const char16_t* names = catalog.parts().names.data();
@@ -130,15 +226,17 @@ Buffer<std::int32_t> NameCandidates::buildReverseOrder(const Catalog& catalog, c
       PrefixSlice s;
       codes.pack(
           [&](std::size_t j) -> std::uint64_t {
-            const std::size_t back = from + j;
-            return back < name.size() ? codes.code(name[name.size() - 1 - back]) : 0;
+            const std::size_t at = from + j;
+            if (at >= name.size()) return 0;
+            return codes.code(kBackwards ? name[name.size() - 1 - at] : name[at]);
           },
           s.high, s.low);
       return s;
     }
-    void locate(std::int32_t row) const { __builtin_prefetch(starts + row + 1); }
+    void locate(std::int32_t row) const { __builtin_prefetch(starts + row + (kBackwards ? 1 : 0)); }
     void prefetch(std::int32_t row, int depth) const {
-      const std::ptrdiff_t at = starts[row + 1] - 2 - depth * static_cast<std::ptrdiff_t>(units);
+      const std::ptrdiff_t step = depth * static_cast<std::ptrdiff_t>(units);
+      const std::ptrdiff_t at = kBackwards ? starts[row + 1] - 2 - step : starts[row] + step;
       if (at >= 0) __builtin_prefetch(names + at);
     }
     bool ended(const PrefixSlice& s) const { return (s.low & mask) == 0; }
@@ -150,6 +248,18 @@ Buffer<std::int32_t> NameCandidates::buildReverseOrder(const Catalog& catalog, c
     for (auto i = begin; i < end; ++i) rows[static_cast<std::size_t>(i)] = items[static_cast<std::size_t>(i)].row;
   });
   return rows;
+}
+
+}  // namespace
+
+Buffer<std::int32_t> NameCandidates::buildReverseOrder(const Catalog& catalog, const Compatibility& compatibility,
+                                                       PrefixScratch* scratch) {
+  return foldedNameOrder<true>(catalog, compatibility, scratch);
+}
+
+Buffer<std::int32_t> NameCandidates::buildFoldedOrder(const Catalog& catalog, const Compatibility& compatibility,
+                                                      PrefixScratch* scratch) {
+  return foldedNameOrder<false>(catalog, compatibility, scratch);
 }
 
 }  // namespace tarv

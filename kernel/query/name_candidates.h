@@ -7,6 +7,11 @@
 //   level is the level-1 name collation.
 // reverseOrder: every row ordered by its folded name read backwards (unit by
 //   unit from the end, a name that ends first sorting first), ties by row.
+// foldedOrder: every row ordered by its folded name read forwards (a name
+//   that ends first sorting first), ties by row. The comparison tables may
+//   sort a unit apart from the unit it folds to (accented letters), so
+//   nameOrder cannot answer folded prefixes; this order always can, and a
+//   whole folded name is one range of it too.
 // nulNames: the rows whose name holds a NUL unit, ascending. Level 1 stops at
 //   a NUL, so in nameOrder such a name sits with its part before the NUL;
 //   matchers that read names to their end test these rows on their own.
@@ -29,6 +34,7 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <span>
 #include <vector>
 
 #include "kernel/base/column.h"
@@ -50,13 +56,17 @@ class NameCandidates {
   };
 
   NameCandidates(CatalogPtr catalog, std::shared_ptr<const Compatibility> compatibility, Column<std::int32_t> nameOrder,
-                 Column<std::int32_t> reverseOrder, Column<std::int32_t> nulNames);
+                 Column<std::int32_t> reverseOrder, Column<std::int32_t> nulNames,
+                 Column<std::int32_t> foldedOrder = {});
 
   const Catalog& catalog() const noexcept { return *catalog_; }
   const Compatibility& compatibility() const noexcept { return *compatibility_; }
   const Column<std::int32_t>& nameOrder() const noexcept { return nameOrder_; }
   const Column<std::int32_t>& reverseOrder() const noexcept { return reverseOrder_; }
   const Column<std::int32_t>& nulNames() const noexcept { return nulNames_; }
+  const Column<std::int32_t>& foldedOrder() const noexcept { return foldedOrder_; }
+  // Whether foldedOrder holds every row (an index built without it has none).
+  bool hasFoldedOrder() const noexcept { return foldedOrder_.size() == nameOrder_.size(); }
   bool prefixClassesCompatible() const;
 
   // The ranges of nameOrder (folders, then files) holding the rows whose
@@ -66,6 +76,21 @@ class NameCandidates {
   // The range of reverseOrder holding the rows whose folded name ends with
   // `foldedSuffix`.
   Range suffixRange(TextView foldedSuffix) const noexcept;
+  // The range of foldedOrder holding the rows whose folded name starts with
+  // `foldedPrefix` (NUL units included), or with `whole` equals it. Empty
+  // when there is no foldedOrder.
+  Range foldedRange(TextView foldedPrefix, bool whole) const noexcept;
+
+  // A pattern end read backwards: units that must be equal (folded) and
+  // kAnyUnit for a position that takes any one unit.
+  static constexpr std::int32_t kAnyUnit = -1;
+  // The ranges of reverseOrder holding the rows whose folded name ends with
+  // `pattern` (one entry per unit from the name's end: a folded unit, or
+  // kAnyUnit). Each any-unit position splits a range by the distinct units
+  // found there, one binary search each; nothing when more than
+  // `maxRanges` ranges would be needed.
+  std::optional<std::vector<Range>> suffixRanges(std::span<const std::int32_t> pattern,
+                                                 std::size_t maxRanges) const;
 
   static bool classesCompatible(const Compatibility& compatibility);
   // reverseOrder built from a catalog (parallel sort); `scratch` (optional)
@@ -74,6 +99,11 @@ class NameCandidates {
                                                 PrefixScratch* scratch = nullptr);
   // Three-way comparison of two names read backwards through the fold.
   static int compareReversed(const Compatibility& compatibility, TextView a, TextView b) noexcept;
+  // foldedOrder built from a catalog (parallel sort); `scratch` as above.
+  static Buffer<std::int32_t> buildFoldedOrder(const Catalog& catalog, const Compatibility& compatibility,
+                                               PrefixScratch* scratch = nullptr);
+  // Three-way comparison of two names read forwards through the fold.
+  static int compareFolded(const Compatibility& compatibility, TextView a, TextView b) noexcept;
 
  private:
   CatalogPtr catalog_;
@@ -81,6 +111,7 @@ class NameCandidates {
   Column<std::int32_t> nameOrder_;
   Column<std::int32_t> reverseOrder_;
   Column<std::int32_t> nulNames_;
+  Column<std::int32_t> foldedOrder_;
   mutable std::once_flag compatibleOnce_;
   mutable bool prefixClassesCompatible_ = false;
 };

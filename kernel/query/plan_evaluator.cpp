@@ -346,7 +346,9 @@ class Evaluator {
     auto test = [&](std::int32_t r) { return Query::textMatches(term, catalog_.nameUnits(r), table_); };
     if (pool && pool->count() < step.estimate) return perRow(pool, test);
     const NameCandidates& names = *index_.names();
-    const Column<std::int32_t>& order = step.method == Method::prefix ? names.nameOrder() : names.reverseOrder();
+    const Column<std::int32_t>& order = step.method == Method::suffix ? names.reverseOrder()
+                                        : step.folded                 ? names.foldedOrder()
+                                                                      : names.nameOrder();
     Bitset out(n_);
     for (const NameCandidates::Range& range : step.ranges) {
       if (range.size() <= 0) continue;

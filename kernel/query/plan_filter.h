@@ -106,7 +106,10 @@ struct ExecutionPlanner::Filter {
     name_literal::UnitSet units;  // units: the units to scan for
     // literal, literalOr: the first unit of each text, when a set holds it.
     std::vector<std::optional<name_literal::UnitSet>> firsts;
-    std::array<NameCandidates::Range, 2> ranges{};  // prefix: nameOrder; suffix: reverseOrder (first)
+    // prefix: ranges of nameOrder, or of foldedOrder when `folded`; suffix:
+    // ranges of reverseOrder.
+    std::vector<NameCandidates::Range> ranges;
+    bool folded = false;
     std::uint32_t path = 0;     // path: index into paths
     // prefix, suffix: every row of the ranges matches (a folded pattern that
     // is one literal and one `*`), so only NUL names need the test.

@@ -183,11 +183,16 @@ SearchIndex::SearchIndex(CatalogPtr catalog, std::shared_ptr<const Compatibility
   // Both hand their chunks to the one pool, whose workers take from either, so
   // the serial stretches of one half do not leave a core idle.
   Column<std::int32_t> reverseOrder;
+  Column<std::int32_t> foldedOrder;
   std::vector<std::int32_t> nul;
   std::exception_ptr sideError;
   std::thread side([&] {
     try {
-      reverseOrder = toColumn(NameCandidates::buildReverseOrder(c, *compatibility_));
+      // Both name-key sorts share one scratch, so the second reuses the
+      // first one's pages instead of faulting in fresh memory.
+      PrefixScratch scratch;
+      reverseOrder = toColumn(NameCandidates::buildReverseOrder(c, *compatibility_, &scratch));
+      foldedOrder = toColumn(NameCandidates::buildFoldedOrder(c, *compatibility_, &scratch));
       nul = buildRowTables();
       buildParentPrefixOrder();
     } catch (...) {
@@ -204,7 +209,7 @@ SearchIndex::SearchIndex(CatalogPtr catalog, std::shared_ptr<const Compatibility
   if (sideError) std::rethrow_exception(sideError);
 
   names_ = std::make_unique<NameCandidates>(catalog_, compatibility_, orders_.front(), std::move(reverseOrder),
-                                            Column<std::int32_t>::owned(std::move(nul)));
+                                            Column<std::int32_t>::owned(std::move(nul)), std::move(foldedOrder));
 }
 
 void SearchIndex::buildOrders() {
@@ -476,9 +481,11 @@ SearchIndex::SearchIndex(const IndexFile::Reader& reader, CatalogPtr catalog,
   auto nul = atMost(reader.column<std::int32_t>(name), n, name);
   name = section(prefix, "reverseOrder");
   auto reverseOrder = exactly(reader.column<std::int32_t>(name), n, name);
+  name = section(prefix, "foldedOrder");
+  auto foldedOrder = exactly(reader.column<std::int32_t>(name), n, name);
 
   names_ = std::make_unique<NameCandidates>(catalog_, compatibility_, orders_.front(), std::move(reverseOrder),
-                                            std::move(nul));
+                                            std::move(nul), std::move(foldedOrder));
 }
 
 const SearchIndex::ExtensionTables& SearchIndex::extensionTables() const {
@@ -557,6 +564,7 @@ void SearchIndex::write(IndexFile::Writer& writer, std::string_view prefix) cons
   writer.add(section(prefix, "separatorNames"), separatorNames_);
   writer.add(section(prefix, "nulNames"), names_->nulNames());
   writer.add(section(prefix, "reverseOrder"), names_->reverseOrder());
+  writer.add(section(prefix, "foldedOrder"), names_->foldedOrder());
   writer.add(section(prefix, "extensionCounts"), extensionCounts_);
   writer.meta()[section(prefix, "separatorNameCount")] = separatorNameCount_;
   writer.meta()[section(prefix, "indexLayout")] = kLayout;

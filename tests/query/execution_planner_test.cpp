@@ -103,10 +103,10 @@ TEST(ExecutionPlanner, EachQueryClassUsesItsStructure) {
       {"or of literals", "README|Makefile", "literal-or"},
       {"suffix pattern", "*.so", "name-suffix"},
       {"suffix after a one-unit wildcard", "?akefile", "name-suffix"},
-      // The shipped table folds accents away but weighs them apart, so name
-      // order ranges cannot hold a folded prefix: the bigram test serves.
-      {"prefix pattern", "README*", "gram-scan"},
-      {"whole name", "wfn:Makefile", "name-literal"},
+      // The shipped table folds accents away but weighs them apart: folded
+      // prefixes and whole names come from the folded-name order.
+      {"prefix pattern", "README*", "name-prefix"},
+      {"whole name", "wfn:Makefile", "name-prefix"},
       {"pattern without literal ends", "*ake*", "gram-scan"},
       {"extension", "ext:txt", "extension"},
       {"type macro", "pic:", "extension"},
