@@ -6,9 +6,11 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <condition_variable>
 #include <cstdlib>
 #include <ctime>
 #include <future>
+#include <mutex>
 #include <string_view>
 #include <system_error>
 #include <utility>
@@ -88,6 +90,106 @@ bool endsWith(std::string_view text, std::string_view tail) {
   return text.size() >= tail.size() && text.substr(text.size() - tail.size()) == tail;
 }
 
+// Writes one cache file: the catalog's sections first, then the index's,
+// which `indexOf` supplies (it may wait for the index to be built; a null
+// index abandons the side file quietly, the load having failed). Skips a
+// file that another writer finished while this one waited for the lock.
+// Never throws: a failure is one line on standard error.
+template <class IndexOf>
+void writeCacheFile(const std::filesystem::path& directory, const std::string& key, const std::string& fingerprint,
+                    const Catalog& catalog, IndexOf&& indexOf) noexcept {
+  try {
+    const std::string tag = "source=" + catalog.sourceId();
+    const auto started = LoadTrace::begin("source.store", tag);
+    std::optional<IndexFile::Writer> writer;
+    try {
+      createCacheDirectory(directory);
+      CacheWriteLock lock(directory);
+      const std::filesystem::path file = directory / (key + IndexCache::kExtension);
+      struct stat info {};
+      if (::lstat(file.c_str(), &info) == 0) {
+        // Another writer (thread or process) finished this very file while
+        // this one waited for the lock.
+        LoadTrace::end("source.store", started, tag + " skipped=present");
+        return;
+      }
+      writer.emplace(file);
+      writer->meta()["fingerprint"] = fingerprint;
+      writeCatalog(*writer, catalog);
+      LoadTrace::event("source.store", "catalog", tag + " bytes=" + std::to_string(writer->position()));
+      const SearchIndexPtr index = indexOf();
+      if (!index) {
+        writer->abandon();
+        LoadTrace::end("source.store", started, tag + " skipped=failed");
+        return;
+      }
+      index->write(*writer);
+      writer->finish();
+    } catch (const std::exception& e) {
+      if (writer) writer->abandon();
+      reportIndexNotWritten(e.what());
+      return;
+    }
+    LoadTrace::end("source.store", started, tag);
+  } catch (...) {
+    reportIndexNotWritten("out of memory");
+  }
+}
+
+}  // namespace
+
+// The meeting point of a load and the background writer it started: the load
+// settles the index (null when its build failed), the writer marks the end of
+// its write, and store() waits for that end.
+class IndexCache::EarlyWrite {
+ public:
+  void settle(SearchIndexPtr index) noexcept {
+    std::lock_guard<std::mutex> hold(lock_);
+    index_ = std::move(index);
+    settled_ = true;
+    changed_.notify_all();
+  }
+  SearchIndexPtr awaitIndex() const {
+    std::unique_lock<std::mutex> hold(lock_);
+    changed_.wait(hold, [this] { return settled_; });
+    return index_;
+  }
+  void markDone() noexcept {
+    std::lock_guard<std::mutex> hold(lock_);
+    done_ = true;
+    changed_.notify_all();
+  }
+  void wait() const {
+    std::unique_lock<std::mutex> hold(lock_);
+    changed_.wait(hold, [this] { return done_; });
+  }
+
+ private:
+  mutable std::mutex lock_;
+  mutable std::condition_variable changed_;
+  SearchIndexPtr index_;
+  bool settled_ = false;
+  bool done_ = false;
+};
+
+namespace {
+
+// Starts the background writer of a fresh load; null when no thread could be
+// started (store() then writes the file the ordinary way).
+std::shared_ptr<IndexCache::EarlyWrite> startEarlyWrite(const std::filesystem::path& directory, const std::string& key,
+                                                        const std::string& fingerprint, const CatalogPtr& catalog) {
+  auto early = std::make_shared<IndexCache::EarlyWrite>();
+  try {
+    PendingWrites::start([directory, key, fingerprint, catalog, early] {
+      writeCacheFile(directory, key, fingerprint, *catalog, [&] { return early->awaitIndex(); });
+      early->markDone();
+    });
+  } catch (const std::system_error&) {
+    return nullptr;
+  }
+  return early;
+}
+
 }  // namespace
 
 std::optional<std::filesystem::path> IndexCache::environmentDirectory() {
@@ -110,6 +212,17 @@ std::string IndexCache::key(const Configuration::Source& source, const Compatibi
 
 IndexCache::Loaded IndexCache::load(const Configuration::Source& source,
                                     const std::shared_ptr<const Compatibility>& compatibility) const {
+  return loadWith(source, compatibility, /*storeEarly=*/false);
+}
+
+IndexCache::Loaded IndexCache::loadStoring(const Configuration::Source& source,
+                                           const std::shared_ptr<const Compatibility>& compatibility) const {
+  return loadWith(source, compatibility, /*storeEarly=*/true);
+}
+
+IndexCache::Loaded IndexCache::loadWith(const Configuration::Source& source,
+                                        const std::shared_ptr<const Compatibility>& compatibility,
+                                        bool storeEarly) const {
   // The status behind the key is also the "before" stamp of a fresh load, so
   // a file that changes between the two can never be stored under a key
   // that describes the other version.
@@ -152,11 +265,26 @@ IndexCache::Loaded IndexCache::load(const Configuration::Source& source,
   catalog->applyDeviceLabels(source.deviceLabels);
   CatalogPtr shared = std::move(catalog);
 
+  // The catalog is final here, and it is most of the cache file: writing it
+  // now overlaps the write with the index build instead of adding it after.
+  std::shared_ptr<EarlyWrite> early;
+  if (storeEarly && directory_) early = startEarlyWrite(*directory_, key, fingerprint, shared);
+  // Whatever happens below, the writer must learn the outcome, or it would
+  // wait for an index forever.
+  struct Outcome {
+    EarlyWrite* write;
+    SearchIndexPtr index;
+    ~Outcome() {
+      if (write) write->settle(std::move(index));
+    }
+  } outcome{early.get(), nullptr};
+
   started = LoadTrace::begin("source.index", tag);
   LoadProgress::phase(LoadProgress::Phase::indexing);
   auto index = std::make_shared<const SearchIndex>(shared, compatibility);
   LoadTrace::end("source.index", started, tag);
-  return Loaded{std::move(shared), std::move(index), std::move(fingerprint), key, /*cached=*/false};
+  outcome.index = index;
+  return Loaded{std::move(shared), std::move(index), std::move(fingerprint), key, /*cached=*/false, std::move(early)};
 }
 
 std::optional<IndexCache::Loaded> IndexCache::mapCached(const Configuration::Source& source, const std::string& key,
@@ -188,7 +316,7 @@ std::optional<IndexCache::Loaded> IndexCache::mapCached(const Configuration::Sou
       throw systemError("Cannot touch index file", file.string(), errno);
 
     LoadTrace::end("source.map", started, tag + " records=" + std::to_string(shared->count()));
-    return Loaded{std::move(shared), std::move(index), fingerprint->get<std::string>(), key, /*cached=*/true};
+    return Loaded{std::move(shared), std::move(index), fingerprint->get<std::string>(), key, /*cached=*/true, nullptr};
   } catch (const std::exception& e) {
     // An unusable cache file is never fatal: it goes, and the source loads
     // afresh (and is stored again).
@@ -200,35 +328,11 @@ std::optional<IndexCache::Loaded> IndexCache::mapCached(const Configuration::Sou
 
 void IndexCache::store(const Loaded& loaded) const noexcept {
   if (!directory_ || loaded.cached || !loaded.catalog || !loaded.index) return;
-  try {
-    const std::string tag = "source=" + loaded.catalog->sourceId();
-    const auto started = LoadTrace::begin("source.store", tag);
-    std::optional<IndexFile::Writer> writer;
-    try {
-      createCacheDirectory(*directory_);
-      CacheWriteLock lock(*directory_);
-      const std::filesystem::path file = fileOf(loaded.key);
-      struct stat info {};
-      if (::lstat(file.c_str(), &info) == 0) {
-        // Another writer (thread or process) finished this very file while
-        // this one waited for the lock.
-        LoadTrace::end("source.store", started, tag + " skipped=present");
-        return;
-      }
-      writer.emplace(file);
-      writer->meta()["fingerprint"] = loaded.fingerprint;
-      writeCatalog(*writer, *loaded.catalog);
-      loaded.index->write(*writer);
-      writer->finish();
-    } catch (const std::exception& e) {
-      if (writer) writer->abandon();
-      reportIndexNotWritten(e.what());
-      return;
-    }
-    LoadTrace::end("source.store", started, tag);
-  } catch (...) {
-    reportIndexNotWritten("out of memory");
+  if (loaded.writing) {
+    loaded.writing->wait();
+    return;
   }
+  writeCacheFile(*directory_, loaded.key, loaded.fingerprint, *loaded.catalog, [&] { return loaded.index; });
 }
 
 void IndexCache::pruneStale(const std::set<std::string>& keeping) const noexcept {

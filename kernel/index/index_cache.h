@@ -35,6 +35,10 @@ namespace tarv {
 
 class IndexCache {
  public:
+  // A cache file write that loadStoring() started before the search index was
+  // built; opaque outside the cache.
+  class EarlyWrite;
+
   // One loaded source: its catalog (carrying the configuration's device
   // labels), its search index, the source file's SHA-256, its cache key, and
   // whether it was mapped from a cache file.
@@ -44,6 +48,9 @@ class IndexCache {
     std::string fingerprint;
     std::string key;
     bool cached = false;
+    // Set by loadStoring() when this fresh load's cache file is already being
+    // written; store() then waits for that write instead of starting another.
+    std::shared_ptr<const EarlyWrite> writing;
   };
 
   static constexpr const char* kExtension = ".tarvidx";
@@ -76,8 +83,19 @@ class IndexCache {
   // while it was read, and the reader's own errors.
   Loaded load(const Configuration::Source& source, const std::shared_ptr<const Compatibility>& compatibility) const;
 
+  // load(), and for a fresh load with a cache directory the cache file is
+  // started as soon as the catalog is complete: a background thread in the
+  // PendingWrites group writes the catalog's sections while this thread
+  // builds the search index, then adds the index's sections and moves the
+  // file into place. The file appears only complete (side file and rename,
+  // as store()). When the index build fails the side file is abandoned
+  // without a message. Same errors as load().
+  Loaded loadStoring(const Configuration::Source& source,
+                     const std::shared_ptr<const Compatibility>& compatibility) const;
+
   // Writes a fresh load to its cache file. Cached loads and a cache without a
-  // directory write nothing. Never throws: a failure is one line on standard
+  // directory write nothing; a load whose write loadStoring() started waits
+  // for that write to end. Never throws: a failure is one line on standard
   // error ("Tarv: index file not written (<reason>)").
   void store(const Loaded& loaded) const noexcept;
 
@@ -92,6 +110,8 @@ class IndexCache {
   void storeInBackground(std::vector<Loaded> loads, std::set<std::string> keeping) const noexcept;
 
  private:
+  Loaded loadWith(const Configuration::Source& source, const std::shared_ptr<const Compatibility>& compatibility,
+                  bool storeEarly) const;
   std::optional<Loaded> mapCached(const Configuration::Source& source, const std::string& key,
                                   const std::shared_ptr<const Compatibility>& compatibility) const;
 

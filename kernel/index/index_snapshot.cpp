@@ -21,8 +21,10 @@ IndexSnapshot::IndexSnapshot(const Configuration& configuration, std::shared_ptr
   std::vector<JoinedSearch::Source> entries;
   std::vector<SearchIndexPtr> indexes;
   for (const Configuration::Source& source : sources_) {
-    // The cache applies the source's device labels before the catalog is shared.
-    IndexCache::Loaded loaded = cache.load(source, compatibility);
+    // The cache applies the source's device labels before the catalog is
+    // shared, and starts writing a fresh catalog's cache file while the
+    // source's search index is still being built.
+    IndexCache::Loaded loaded = cache.loadStoring(source, compatibility);
     entries.push_back({source.id, source.label, loaded.catalog});
     indexes.push_back(loaded.index);
     counts_.push_back(loaded.catalog->count());

@@ -3,9 +3,12 @@
 // search. Sources load one after another on the calling thread through the
 // index cache (IndexCache: a usable cache file is mapped, otherwise the
 // file's fingerprint, the catalog through the source's reader and its search
-// index are made afresh; the per-row work runs on the worker pool). Fresh
-// loads are then stored and stale cache files pruned on one background
-// thread; the joined search's global orders are cached the same way.
+// index are made afresh; the per-row work runs on the worker pool). A fresh
+// load's cache file is written on a background thread that starts as soon as
+// its catalog is complete, beside the index build; stale cache files are
+// pruned on one more background thread once every write has ended; the
+// joined search's global orders are cached the same way. All of them belong
+// to the PendingWrites group that finishWrites() waits for.
 //
 // Immutable once built; share it between threads. A newer configuration gives
 // a new snapshot.
