@@ -12,6 +12,7 @@
 
 #include "kernel/query/name_literal.h"
 #include "kernel/query/parallel.h"
+#include "kernel/query/path_states.h"
 #include "kernel/query/plan_evaluator.h"
 #include "kernel/query/plan_filter.h"
 #include "kernel/query/query_optimizer.h"
@@ -436,30 +437,7 @@ class Compiler {
       const auto border = static_cast<std::size_t>(p.failure[state - 1]);
       p.separatorBound[state] = tailNeeds[state] && (border == 0 || p.separatorBound[border]);
     }
-    const std::int32_t parents = catalog.parentCount();
-    p.parentState.assign(static_cast<std::size_t>(std::max(parents, 0)), 0);
-    const Compatibility& table = index_.compatibility();
-    const std::optional<name_literal::UnitSet> first = units().of(p.text[0], p.sensitive);
-    const std::uint16_t* fold = table.searchTable().data();
-    Parallel::chunks(parents, 1, 1 << 12, [&](std::int64_t begin, std::int64_t end) {
-      for (auto i = begin; i < end; ++i) {
-        TextView units = catalog.parentUnits(static_cast<std::uint32_t>(i));
-        // The displayed path ends at a NUL, without the name.
-        const std::size_t nul = name_literal::findZero(units.data(), units.size());
-        const bool cut = nul < units.size();
-        units = units.substr(0, nul);
-        const bool found = first ? name_literal::contains(units, p.text, *first, fold)
-                                 : name_literal::contains(units, p.text, p.sensitive, fold);
-        std::int32_t state = 0;
-        if (!found && !cut) {
-          // The part of the text left pending: the longest end of the parent
-          // that starts the text, which lies within its last m - 1 units.
-          for (const Unit unit : units.substr(units.size() - std::min(units.size(), m - 1)))
-            state = ExecutionPlanner::Filter::advance(p, state, unit, table);
-        }
-        p.parentState[static_cast<std::size_t>(i)] = found ? kFound : cut ? kCut : state;
-      }
-    });
+    planning::fillParentStates(catalog, index_.compatibility(), p);
     step.method = Method::path;
     step.path = static_cast<std::uint32_t>(filter_.paths.size());
     step.estimate = p.needsSeparator ? rows() / 8 : rows() / 4;

@@ -3,11 +3,13 @@
 #include <algorithm>
 #include <atomic>
 #include <bit>
+#include <optional>
 #include <span>
 #include <utility>
 #include <vector>
 
 #include "kernel/query/name_literal.h"
+#include "kernel/query/order_range.h"
 #include "kernel/query/parallel.h"
 #include "kernel/query/query_optimizer.h"
 
@@ -190,7 +192,15 @@ class Evaluator {
     bool wantKnown = false;
     std::uint64_t low = 0;
     std::uint64_t span = 0;
+    SortKey key = SortKey::none;  // the stored order of the field's column
+    Query::Bounds bounds;
   };
+
+  static bool passesField(const NumericField& f, std::int32_t r) noexcept {
+    const std::uint64_t v = f.values[r];
+    const bool unknown = v == kUnknown64;
+    return (!f.wantUnknown || unknown) & (!f.wantKnown || (!unknown & (v - f.low <= f.span)));
+  }
 
   template <std::size_t N>
   Bitset numericRows(const std::array<NumericField, 4>& fields, int types, const Bitset* pool) const {
@@ -198,12 +208,7 @@ class Evaluator {
     return perRow(pool, [&](std::int32_t r) {
       const unsigned folder = (tags[r] & kFolderBit) != 0 ? 1u : 0u;
       bool ok = ((static_cast<unsigned>(types) >> folder) & 1u) != 0;
-      for (std::size_t i = 0; i < N; ++i) {
-        const NumericField& f = fields[i];
-        const std::uint64_t v = f.values[r];
-        const bool unknown = v == kUnknown64;
-        ok &= (!f.wantUnknown || unknown) & (!f.wantKnown || (!unknown & (v - f.low <= f.span)));
-      }
+      for (std::size_t i = 0; i < N; ++i) ok &= passesField(fields[i], r);
       return ok;
     });
   }
@@ -217,20 +222,22 @@ class Evaluator {
     std::array<NumericField, 4> fields{};
     std::size_t count = 0;
     bool never = false;
-    auto add = [&](int bit, const std::uint64_t* values, const Query::Bounds& bounds) {
+    auto add = [&](int bit, const std::uint64_t* values, const Query::Bounds& bounds, SortKey key) {
       if ((filter.fields & bit) == 0) return;
       if (bounds.known && bounds.high < bounds.low) never = true;
       if (values == nullptr) {
         never = never || bounds.known;  // an unknown value is never in range
         return;                         // and is always unknown
       }
-      fields[count++] = {values, bounds.unknown, bounds.known, bounds.low, bounds.high - bounds.low};
+      fields[count++] = {values, bounds.unknown, bounds.known, bounds.low, bounds.high - bounds.low, key, bounds};
     };
-    add(1, parts.sizes.data(), filter.size);
-    add(2, parts.modifiedTimes.data(), filter.modified);
-    add(4, parts.createdTimes ? parts.createdTimes->data() : nullptr, filter.created);
-    add(8, parts.allocations ? parts.allocations->data() : nullptr, filter.allocated);
+    add(1, parts.sizes.data(), filter.size, SortKey::size);
+    add(2, parts.modifiedTimes.data(), filter.modified, SortKey::modified);
+    add(4, parts.createdTimes ? parts.createdTimes->data() : nullptr, filter.created, SortKey::created);
+    add(8, parts.allocations ? parts.allocations->data() : nullptr, filter.allocated, SortKey::allocated);
     if (never || (filter.types & 3) == 0) return Bitset(n_);
+    if (count == 0) return typedRows(filter.types, pool);
+    if (std::optional<Bitset> rows = numericRuns(fields, count, filter.types, pool)) return std::move(*rows);
     switch (count) {
       case 0: return numericRows<0>(fields, filter.types, pool);
       case 1: return numericRows<1>(fields, filter.types, pool);
@@ -238,6 +245,110 @@ class Evaluator {
       case 3: return numericRows<3>(fields, filter.types, pool);
       default: return numericRows<4>(fields, filter.types, pool);
     }
+  }
+
+  const Bitset& folders() const {
+    std::call_once(groups_.folderOnce, [&] {
+      const std::uint32_t* tags = catalog_.parts().parentTags.data();
+      groups_.folders = perRow(nullptr, [&](std::int32_t r) { return (tags[r] & kFolderBit) != 0; });
+    });
+    return groups_.folders;
+  }
+
+  // Rows of the record types in `types` (1 files, 2 folders) within the
+  // pool. The folders are a bitset kept by the planner, made by the first
+  // question that needs it (one pass over the record tags, no dearer than
+  // the test it replaces), so file: and folder: cost a copy afterwards.
+  Bitset typedRows(int types, const Bitset* pool) const {
+    if ((types & 3) == 3) return pool ? *pool : everyRow();
+    Bitset out = folders();
+    if ((types & 3) == 1) out.complement(n_);
+    if (pool) out.intersect(*pool);
+    return out;
+  }
+
+  // The numeric filter through a stored order: the rows of one field's
+  // order whose values lie in its bounds are one run per record type
+  // (order_range.h), found by binary search; the field whose runs are
+  // shortest is taken and any other field tested on those rows only.
+  // Absent when no field has a stored order or the runs hold so many rows
+  // that scattering them costs more than a scan of the columns.
+  std::optional<Bitset> numericRuns(const std::array<NumericField, 4>& fields, std::size_t count, int types,
+                                    const Bitset* pool) const {
+    const auto folders = static_cast<std::int64_t>(catalog_.folderCount());
+    std::size_t best = count;
+    order_range::Runs runs;
+    Column<std::int32_t> order;
+    for (std::size_t i = 0; i < count; ++i) {
+      if (!index_.stores(fields[i].key)) continue;
+      Column<std::int32_t> candidate = index_.order(fields[i].key);
+      if (static_cast<std::int64_t>(candidate.size()) != n_) continue;
+      const order_range::Runs found = order_range::find(
+          candidate.span(), {fields[i].values, static_cast<std::size_t>(n_)}, folders, fields[i].bounds, types);
+      if (best == count || found.size() < runs.size()) {
+        best = i;
+        runs = found;
+        order = std::move(candidate);
+      }
+    }
+    if (best == count) return std::nullopt;
+    const std::int64_t size = runs.size();
+    if (size > n_ / kRunScanRatio) return std::nullopt;
+    if (pool && size > 0 && pool->count() < size) return std::nullopt;
+    std::array<NumericField, 4> others{};
+    std::size_t otherCount = 0;
+    for (std::size_t i = 0; i < count; ++i)
+      if (i != best) others[otherCount++] = fields[i];
+    const std::array<std::span<const std::int32_t>, 2> lists = {
+        order.span().subspan(static_cast<std::size_t>(runs.folders.begin), static_cast<std::size_t>(runs.folders.size())),
+        order.span().subspan(static_cast<std::size_t>(runs.files.begin), static_cast<std::size_t>(runs.files.size()))};
+    Bitset out = scatter(lists, [&](std::int32_t r) {
+      bool ok = true;
+      for (std::size_t i = 0; i < otherCount; ++i) ok &= passesField(others[i], r);
+      return ok;
+    });
+    if (pool) out.intersect(*pool);
+    return out;
+  }
+
+  // Runs holding more than rows / kRunScanRatio rows are scanned instead:
+  // a scattered bit costs a few times a sequential column read.
+  static constexpr std::int64_t kRunScanRatio = 2;
+
+  // The rows of `lists` (in any order) that pass `test`, as a bitset. Each
+  // chunk of entries fills a bitset of its own, one chunk per worker, and
+  // the bitsets are united at the end: the rows are scattered, so chunks
+  // writing one bitset would share words and need an atomic write per row.
+  template <class Test>
+  Bitset scatter(std::span<const std::span<const std::int32_t>> lists, Test test) const {
+    std::vector<std::int64_t> starts{0};
+    for (const auto list : lists) starts.push_back(starts.back() + static_cast<std::int64_t>(list.size()));
+    const std::int64_t size = starts.back();
+    const std::int64_t workers = Parallel::workers();
+    const std::int64_t minimum = std::max<std::int64_t>(minimum_, (size + workers - 1) / workers);
+    const Parallel::Plan plan = Parallel::plan(size, 1, minimum);
+    std::vector<Bitset> parts(static_cast<std::size_t>(plan.serial ? 1 : plan.chunks));
+    Parallel::chunks(size, 1, minimum, [&](std::int64_t begin, std::int64_t end) {
+      Bitset& part = parts[plan.serial ? 0 : static_cast<std::size_t>(begin / plan.length)];
+      part = Bitset(n_);
+      std::uint64_t* words = part.words().data();
+      auto list = static_cast<std::size_t>(std::upper_bound(starts.begin(), starts.end(), begin) - starts.begin() - 1);
+      for (std::int64_t i = begin; i < end; ++list) {
+        const std::int32_t* rows = lists[list].data();
+        const std::int64_t first = starts[list];
+        const std::int64_t stop = std::min(end, starts[list + 1]);
+        for (; i < stop; ++i) {
+          const std::int32_t r = rows[i - first];
+          // An entry of a damaged file that names no row is no member.
+          if (static_cast<std::uint64_t>(r) >= static_cast<std::uint64_t>(n_) || !test(r)) continue;
+          words[r >> 6] |= std::uint64_t(1) << (r & 63);
+        }
+      }
+    });
+    Bitset out = std::move(parts.front());
+    if (out.words().empty()) out = Bitset(n_);
+    for (std::size_t c = 1; c < parts.size(); ++c) out.unite(parts[c]);
+    return out;
   }
 
   Bitset literal(const Step& step, const Bitset* pool) const {
@@ -379,10 +490,14 @@ class Evaluator {
       const std::uint16_t* ids = index_.extensionIds().data();
       groups_.byExtension = RowGroups::build(static_cast<std::int32_t>(n_), 65536, [&](std::int32_t r) { return ids[r]; });
     });
-    Bitset out(n_);
-    auto file = [&](std::int32_t r) { return !catalog_.isDirectory(r); };
+    // The groups' rows, then the folders and the rows outside the pool
+    // taken out word by word.
+    std::vector<std::span<const std::int32_t>> lists;
     for (std::size_t id = 0; id < hits.size() && id < SearchIndex::kExtensionOverflow; ++id)
-      if (hits[id]) setCandidates(groups_.byExtension.of(id), pool, out, file);
+      if (hits[id]) lists.push_back(groups_.byExtension.of(id));
+    Bitset out = scatter(lists, [](std::int32_t) { return true; });
+    out.subtract(folders());
+    if (pool) out.intersect(*pool);
     if (index_.hasOverflowExtensions())
       setCandidates(groups_.byExtension.of(SearchIndex::kExtensionOverflow), pool, out,
                     [&](std::int32_t r) { return Query::matches(term, catalog_, r, table_); });
@@ -407,9 +522,11 @@ class Evaluator {
         return p < hits.size() && hits[p];
       });
     ensureParents();
-    Bitset out(n_);
+    std::vector<std::span<const std::int32_t>> lists;
     for (std::size_t p = 0; p < hits.size(); ++p)
-      if (hits[p]) setCandidates(groups_.byParent.of(p), pool, out, [](std::int32_t) { return true; });
+      if (hits[p]) lists.push_back(groups_.byParent.of(p));
+    Bitset out = scatter(lists, [](std::int32_t) { return true; });
+    if (pool) out.intersect(*pool);
     return out;
   }
 
@@ -421,14 +538,25 @@ class Evaluator {
     // name matches only if its name holds one: most rows are decided by
     // their parent's state and one bit, without reading the name.
     const std::span<const std::uint64_t> separatorWords = index_.separatorNames();
+    // Per parent, one byte says what its rows need, so the per-row lookups
+    // stay within a table a quarter the size of the states.
+    enum : std::uint8_t { kNo, kYes, kRead, kSeparatorThenRead };
+    std::vector<std::uint8_t> verdicts(term.parentState.size());
+    for (std::size_t p = 0; p < verdicts.size(); ++p) {
+      const std::int32_t state = term.parentState[p];
+      verdicts[p] = state == kFound ? kYes
+                    : state == kCut ? kNo
+                    : state == 0 || term.separatorBound[static_cast<std::size_t>(state)] ? kSeparatorThenRead
+                                                                                           : kRead;
+    }
+    const std::uint8_t* verdictOf = verdicts.data();
     auto separatorTest = [&](std::int32_t r) {
-      const std::int32_t state = term.parentState[catalog_.parentIndex(r)];
-      if (state == kFound) return true;
-      if (state == kCut) return false;
-      const bool bound = state == 0 || term.separatorBound[static_cast<std::size_t>(state)];
+      const std::uint8_t verdict = verdictOf[catalog_.parentIndex(r)];
+      if (verdict <= kYes) return verdict == kYes;
       // Words missing from a damaged file say nothing: the row is read.
       const auto w = static_cast<std::size_t>(r >> 6);
-      if (bound && w < separatorWords.size() && (separatorWords[w] >> (r & 63) & 1) == 0) return false;
+      if (verdict == kSeparatorThenRead && w < separatorWords.size() && (separatorWords[w] >> (r & 63) & 1) == 0)
+        return false;
       return ExecutionPlanner::Filter::pathMatches(term, index_, r);
     };
     // Only rows whose parent holds the text, rows whose parent leaves a part

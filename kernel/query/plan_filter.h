@@ -71,6 +71,9 @@ struct ExecutionPlanner::Groups {
   std::once_flag parentOnce;
   planning::RowGroups byExtension;
   planning::RowGroups byParent;
+  // The folders among the rows, for file: and folder: (made on first use).
+  std::once_flag folderOnce;
+  Bitset folders;
 };
 
 struct ExecutionPlanner::Filter {

@@ -1,6 +1,7 @@
 #include "kernel/query/query_optimizer.h"
 
 #include <algorithm>
+#include <span>
 #include <utility>
 
 #include "kernel/catalog/catalog.h"
@@ -28,10 +29,54 @@ std::vector<bool> extensionHits(const Term& term, const SearchIndex& index) {
   return hits;
 }
 
+// Three-way comparison of a parent text, folded unit by unit, with an
+// already folded text; a text that is a prefix of the other comes first. The
+// order of the index's parent prefix order.
+int compareFolded(TextView text, TextView folded, const Compatibility& table) noexcept {
+  const std::size_t n = std::min(text.size(), folded.size());
+  for (std::size_t k = 0; k < n; ++k) {
+    const Unit a = table.fold(text[k]);
+    if (a != folded[k]) return a < folded[k] ? -1 : 1;
+  }
+  return text.size() < folded.size() ? -1 : text.size() > folded.size() ? 1 : 0;
+}
+
+// parent: through the parent prefix order. A matching parent's text is the
+// term's text, or it with one separator added, so its folded text is one of
+// those few texts folded; the parents of one folded text are one run of the
+// order, found by binary search, and only they are compared by the rule.
+// An order from a damaged file (unsorted, entries out of range) may miss
+// parents, never reads past the parents.
+std::vector<bool> parentHitsByOrder(const Term& term, const SearchIndex& index) {
+  const Catalog& catalog = index.catalog();
+  const Compatibility& table = index.compatibility();
+  const auto parents = static_cast<std::uint32_t>(std::max(catalog.parentCount(), 0));
+  const std::span<const std::int32_t> order = index.parentPrefixOrder().span();
+  std::vector<bool> hits(parents, false);
+  auto textAt = [&](std::int32_t p) {
+    return static_cast<std::uint32_t>(p) < parents ? catalog.parentUnits(static_cast<std::uint32_t>(p)) : TextView();
+  };
+  const Text folded = term.sensitive ? table.fold(term.text) : term.text;
+  std::vector<Text> wanted{folded};
+  for (const Unit separator : {u'/', u'\\'})
+    if (path_flavor::isSeparator(catalog.pathFlavor(), separator)) wanted.push_back(folded + table.fold(separator));
+  for (const Text& text : wanted) {
+    auto at = std::partition_point(order.begin(), order.end(),
+                                   [&](std::int32_t p) { return compareFolded(textAt(p), text, table) < 0; });
+    for (; at != order.end() && compareFolded(textAt(*at), text, table) == 0; ++at) {
+      const auto p = static_cast<std::uint32_t>(*at);
+      if (p < parents && equalsText(term, path_flavor::trimParent(catalog.pathFlavor(), textAt(*at)), table))
+        hits[p] = true;
+    }
+  }
+  return hits;
+}
+
 // parent: the row's parent text, trimmed as a folder path, equals the text.
 std::vector<bool> parentHits(const Term& term, const SearchIndex& index) {
   const Catalog& catalog = index.catalog();
   const auto parents = static_cast<std::size_t>(std::max(catalog.parentCount(), 0));
+  if (index.parentPrefixOrder().size() == parents) return parentHitsByOrder(term, index);
   // Bytes, not bits, while chunks write side by side.
   std::vector<std::uint8_t> bytes(parents, 0);
   Parallel::chunks(static_cast<std::int64_t>(parents), 1, 1 << 14, [&](std::int64_t begin, std::int64_t end) {
