@@ -116,6 +116,7 @@ void writeCacheFile(const std::filesystem::path& directory, const std::string& k
       writer.emplace(file);
       writer->meta()["fingerprint"] = fingerprint;
       writeCatalog(*writer, catalog);
+      writer->startWriteback();
       LoadTrace::event("source.store", "catalog", tag + " bytes=" + std::to_string(writer->position()));
       const SearchIndexPtr index = indexOf();
       if (!index) {

@@ -6,10 +6,11 @@
 // section ("sections": [{"name","offset","bytes"}...], "format": 4) beside the
 // writers' own meta values.
 //
-// Writer: writes to "<url>.partial" (mode 0600) and renames it over `url` only
-// in finish(), so a crash never leaves a half-written file under the final
-// name. Single-threaded; an unfinished writer abandons its side file when it is
-// destroyed. Throws KernelError::io.
+// Writer: writes to "<url>.partial" (mode 0600), flushes it to the disk and
+// renames it over `url` only in finish(), so neither a crash nor a power cut
+// leaves a half-written file under the final name. Single-threaded; an
+// unfinished writer abandons its side file when it is destroyed. Throws
+// KernelError::io.
 //
 // Reader: maps the whole file read-only and private; the descriptor is closed
 // once mapped. Columns handed out point into the mapping and share its
@@ -81,8 +82,15 @@ class IndexFile {
     // The trailer values set so far; "format" and "sections" are set by finish().
     json::Value& meta() { return meta_; }
 
-    // Writes the trailer, patches its offset into the header, closes the side
-    // file and renames it over `url`. A failure leaves the side file for abandon().
+    // Starts writing what was added so far to the disk without waiting for
+    // it, so that finish() waits only for the rest. Ignores failures (finish()
+    // reports them).
+    void startWriteback() noexcept;
+
+    // Writes the trailer, patches its offset into the header, flushes the
+    // file's data to the disk, closes the side file and renames it over `url`,
+    // so a power cut leaves the old name, or the new one over complete data.
+    // A failure leaves the side file for abandon().
     void finish();
     // Closes and removes the side file, ignoring failures. Safe to call twice.
     void abandon() noexcept;
