@@ -12,7 +12,6 @@
 
 #include "kernel/query/name_literal.h"
 #include "kernel/query/parallel.h"
-#include "kernel/query/path_states.h"
 #include "kernel/query/plan_evaluator.h"
 #include "kernel/query/plan_filter.h"
 #include "kernel/query/query_optimizer.h"
@@ -437,7 +436,6 @@ class Compiler {
       const auto border = static_cast<std::size_t>(p.failure[state - 1]);
       p.separatorBound[state] = tailNeeds[state] && (border == 0 || p.separatorBound[border]);
     }
-    planning::fillParentStates(catalog, index_.compatibility(), p);
     step.method = Method::path;
     step.path = static_cast<std::uint32_t>(filter_.paths.size());
     step.estimate = p.needsSeparator ? rows() / 8 : rows() / 4;

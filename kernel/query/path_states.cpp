@@ -29,67 +29,58 @@ std::size_t commonStart(TextView a, TextView b) noexcept {
   return i;
 }
 
-// The automaton walked along one text after another, keeping the states of
-// the previous text's start.
-class Walker {
- public:
-  Walker(const Catalog& catalog, const Compatibility& table, const PathTerm& term)
-      : catalog_(catalog), table_(table), term_(term), m_(static_cast<std::int32_t>(term.text.size())) {
-    states_.reserve(256);
-    states_.push_back(0);
-  }
-
-  std::int32_t stateOf(std::uint32_t parent) {
-    TextView units = catalog_.parentUnits(parent);
-    // States are known along the start this text shares with the last one,
-    // which holds no NUL (texts are cut at their first).
-    const std::size_t shared = commonStart(units, previous_.substr(0, std::min(states_.size() - 1, previous_.size())));
-    // The displayed path ends at a NUL, without the name.
-    const std::size_t nul = shared + name_literal::findZero(units.data() + shared, units.size() - shared);
-    const bool cut = nul < units.size();
-    units = units.substr(0, nul);
-    states_.resize(shared + 1);
-    bool found = foundAt_ <= shared;
-    if (!found) {
-      foundAt_ = kNever;
-      std::int32_t state = states_.back();
-      for (std::size_t k = shared; k < units.size(); ++k) {
-        state = ExecutionPlanner::Filter::advance(term_, state, units[k], table_);
-        states_.push_back(state);
-        if (state == m_) {
-          // Every text sharing this start holds the term: nothing past it
-          // is needed.
-          foundAt_ = k + 1;
-          found = true;
-          break;
-        }
-      }
-    }
-    previous_ = units.substr(0, states_.size() - 1);
-    return found ? kFound : cut ? kCut : states_.back();
-  }
-
- private:
-  static constexpr std::size_t kNever = std::numeric_limits<std::size_t>::max();
-  const Catalog& catalog_;
-  const Compatibility& table_;
-  const PathTerm& term_;
-  std::int32_t m_;
-  std::vector<std::int32_t> states_;  // states_[k]: after the first k units of previous_
-  TextView previous_;
-  std::size_t foundAt_ = kNever;  // units of previous_ after which the term was found
-};
-
 }  // namespace
 
-void fillParentStates(const Catalog& catalog, const Compatibility& table, PathTerm& term) {
+ParentStateWalker::ParentStateWalker(const Catalog& catalog, const Compatibility& table, const PathTerm& term)
+    : catalog_(catalog),
+      table_(table),
+      term_(term),
+      m_(static_cast<std::int32_t>(term.text.size())),
+      foundAt_(std::numeric_limits<std::size_t>::max()) {
+  states_.reserve(256);
+  states_.push_back(0);
+}
+
+std::int32_t ParentStateWalker::stateOf(std::uint32_t parent) {
+  constexpr std::size_t kNever = std::numeric_limits<std::size_t>::max();
+  TextView units = catalog_.parentUnits(parent);
+  // States are known along the start this text shares with the last one,
+  // which holds no NUL (texts are cut at their first).
+  const std::size_t shared = commonStart(units, previous_.substr(0, std::min(states_.size() - 1, previous_.size())));
+  // The displayed path ends at a NUL, without the name.
+  const std::size_t nul = shared + name_literal::findZero(units.data() + shared, units.size() - shared);
+  const bool cut = nul < units.size();
+  units = units.substr(0, nul);
+  states_.resize(shared + 1);
+  bool found = foundAt_ <= shared;
+  if (!found) {
+    foundAt_ = kNever;
+    std::int32_t state = states_.back();
+    for (std::size_t k = shared; k < units.size(); ++k) {
+      state = ExecutionPlanner::Filter::advance(term_, state, units[k], table_);
+      states_.push_back(state);
+      if (state == m_) {
+        // Every text sharing this start holds the term: nothing past it
+        // is needed.
+        foundAt_ = k + 1;
+        found = true;
+        break;
+      }
+    }
+  }
+  previous_ = units.substr(0, states_.size() - 1);
+  return found ? kFound : cut ? kCut : states_.back();
+}
+
+std::vector<std::int32_t> parentStates(const Catalog& catalog, const Compatibility& table, const PathTerm& term) {
   const auto parents = static_cast<std::int64_t>(std::max(catalog.parentCount(), 0));
-  term.parentState.assign(static_cast<std::size_t>(parents), 0);
-  std::int32_t* states = term.parentState.data();
+  std::vector<std::int32_t> out(static_cast<std::size_t>(parents), 0);
+  std::int32_t* states = out.data();
   Parallel::chunks(parents, 1, 1 << 12, [&](std::int64_t begin, std::int64_t end) {
-    Walker walker(catalog, table, term);
+    ParentStateWalker walker(catalog, table, term);
     for (auto p = begin; p < end; ++p) states[p] = walker.stateOf(static_cast<std::uint32_t>(p));
   });
+  return out;
 }
 
 }  // namespace tarv::planning

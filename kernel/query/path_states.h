@@ -12,16 +12,42 @@
 // lengths of the folder names rather than of the whole paths, and the texts
 // are read in the order they are stored.
 //
-// Writes term.parentState only (every entry, whatever the texts hold). Runs
-// on the worker pool. Throws only std::bad_alloc.
+// Reads the catalog and the term only; the states belong to the caller.
+// Throws only std::bad_alloc.
 
 #include <cstdint>
-#include <span>
+#include <vector>
 
 #include "kernel/query/plan_filter.h"
 
 namespace tarv::planning {
 
-void fillParentStates(const Catalog& catalog, const Compatibility& table, ExecutionPlanner::Filter::PathTerm& term);
+// Not a state: a parent not computed (yet).
+constexpr std::int32_t kUnknownState = -3;
+
+// The automaton walked along one parent text after another, keeping its
+// states along the start each text shares with the one before. One walker
+// per thread; any order of parents gives exact states (a shared start only
+// saves work).
+class ParentStateWalker {
+ public:
+  ParentStateWalker(const Catalog& catalog, const Compatibility& table, const ExecutionPlanner::Filter::PathTerm& term);
+  // kFound, kCut, or the automaton's state after the parent text.
+  std::int32_t stateOf(std::uint32_t parent);
+
+ private:
+  const Catalog& catalog_;
+  const Compatibility& table_;
+  const ExecutionPlanner::Filter::PathTerm& term_;
+  std::int32_t m_;
+  std::vector<std::int32_t> states_;  // states_[k]: after the first k units of previous_
+  TextView previous_;
+  std::size_t foundAt_;  // units of previous_ after which the term was found
+};
+
+// The state of every parent, walked in the catalog's parent order on the
+// worker pool.
+std::vector<std::int32_t> parentStates(const Catalog& catalog, const Compatibility& table,
+                                       const ExecutionPlanner::Filter::PathTerm& term);
 
 }  // namespace tarv::planning

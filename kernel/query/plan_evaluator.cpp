@@ -11,6 +11,7 @@
 #include "kernel/query/name_literal.h"
 #include "kernel/query/order_range.h"
 #include "kernel/query/parallel.h"
+#include "kernel/query/path_states.h"
 #include "kernel/query/query_optimizer.h"
 
 namespace tarv::planning {
@@ -530,9 +531,31 @@ class Evaluator {
     return out;
   }
 
+  // The states of the parents a path term needs: of every parent, or, for
+  // a pool of few rows, only of its rows' parents (kUnknownState elsewhere),
+  // walked in row order so that neighbouring parents share their starts.
+  std::vector<std::int32_t> statesFor(const PathTerm& term, const Bitset* pool) const {
+    const auto parents = static_cast<std::size_t>(std::max(catalog_.parentCount(), 0));
+    if (pool == nullptr || pool->count() * kSparsePathRatio >= static_cast<std::int64_t>(parents))
+      return parentStates(catalog_, table_, term);
+    std::vector<std::int32_t> states(parents, kUnknownState);
+    ParentStateWalker walker(catalog_, table_, term);
+    pool->forEach([&](std::int64_t r) {
+      const std::uint32_t p = catalog_.parentIndex(static_cast<std::int32_t>(r));
+      if (states[p] == kUnknownState) states[p] = walker.stateOf(p);
+    });
+    return states;
+  }
+  // A pool of fewer rows than parents / kSparsePathRatio has its parents'
+  // states computed on their own: each costs about a parent text's walk.
+  static constexpr std::int64_t kSparsePathRatio = 2;
+
   Bitset path(const Step& step, const Bitset* pool) const {
     const PathTerm& term = filter_.paths[step.path];
-    auto test = [&](std::int32_t r) { return ExecutionPlanner::Filter::pathMatches(term, index_, r); };
+    const std::vector<std::int32_t> parentState = statesFor(term, pool);
+    const std::int32_t* states = parentState.data();
+    auto test = [&](std::int32_t r) { return ExecutionPlanner::Filter::pathMatches(term, states, index_, r); };
+    if (parentState.empty()) return Bitset(n_);  // no parent, so no row to hold the text
     if (!term.needsSeparator) return perRow(pool, test);
     // A row whose parent leaves only parts that need a separator from the
     // name matches only if its name holds one: most rows are decided by
@@ -541,11 +564,12 @@ class Evaluator {
     // Per parent, one byte says what its rows need, so the per-row lookups
     // stay within a table a quarter the size of the states.
     enum : std::uint8_t { kNo, kYes, kRead, kSeparatorThenRead };
-    std::vector<std::uint8_t> verdicts(term.parentState.size());
+    std::vector<std::uint8_t> verdicts(parentState.size());
     for (std::size_t p = 0; p < verdicts.size(); ++p) {
-      const std::int32_t state = term.parentState[p];
-      verdicts[p] = state == kFound ? kYes
-                    : state == kCut ? kNo
+      const std::int32_t state = parentState[p];
+      // A parent left unknown has no row in the pool.
+      verdicts[p] = state == kFound                       ? kYes
+                    : state == kCut || state == kUnknownState ? kNo
                     : state == 0 || term.separatorBound[static_cast<std::size_t>(state)] ? kSeparatorThenRead
                                                                                            : kRead;
     }
@@ -557,7 +581,7 @@ class Evaluator {
       const auto w = static_cast<std::size_t>(r >> 6);
       if (verdict == kSeparatorThenRead && w < separatorWords.size() && (separatorWords[w] >> (r & 63) & 1) == 0)
         return false;
-      return ExecutionPlanner::Filter::pathMatches(term, index_, r);
+      return ExecutionPlanner::Filter::pathMatches(term, states, index_, r);
     };
     // Only rows whose parent holds the text, rows whose parent leaves a part
     // that a name without separators can finish, and rows whose name holds
@@ -567,14 +591,14 @@ class Evaluator {
     };
     std::int64_t pending = 0;
     const auto& counts = index_.parentRowCounts();
-    for (std::size_t p = 0; p < term.parentState.size(); ++p)
-      if (open(term.parentState[p])) pending += p < counts.size() ? counts[p] : n_;
+    for (std::size_t p = 0; p < parentState.size(); ++p)
+      if (open(parentState[p])) pending += p < counts.size() ? counts[p] : n_;
     if (pending > n_ / 4 || (pool && pool->count() < pending) || firstUse(groups_.parentUses))
       return perRow(pool, separatorTest);
     ensureParents();
     Bitset out(n_);
-    for (std::size_t p = 0; p < term.parentState.size(); ++p) {
-      const std::int32_t state = term.parentState[p];
+    for (std::size_t p = 0; p < parentState.size(); ++p) {
+      const std::int32_t state = parentState[p];
       if (!open(state)) continue;
       if (state == kFound) setCandidates(groups_.byParent.of(p), pool, out, [](std::int32_t) { return true; });
       else setCandidates(groups_.byParent.of(p), pool, out, test);

@@ -78,13 +78,13 @@ struct ExecutionPlanner::Groups {
 
 struct ExecutionPlanner::Filter {
   // A substring term over full paths, decided with a prefix automaton: the
-  // state after each parent text is computed once, and only the name is read
-  // per row.
+  // state after each parent text is computed once per evaluation (for every
+  // parent, or only for the parents of a small pool; path_states.h), and
+  // only the name is read per row.
   struct PathTerm {
     Text text;  // compared units: folded, or as typed when sensitive
     bool sensitive = false;
     std::vector<std::int32_t> failure;      // longest proper border of text[0..i]
-    std::vector<std::int32_t> parentState;  // state, kFound or kCut per parent
     // The bigram mask of the text: a name that must hold the whole text (no
     // part of it pending from the parent) must hold these bits.
     std::uint64_t mask = 0;
@@ -132,10 +132,12 @@ struct ExecutionPlanner::Filter {
     return state;
   }
 
-  // The path rule for one row, given its parent's state.
-  static bool pathMatches(const PathTerm& term, const SearchIndex& index, std::int32_t row) noexcept {
+  // The path rule for one row, given the states of the parents
+  // (path_states.h): at least the row's parent's must be known.
+  static bool pathMatches(const PathTerm& term, const std::int32_t* parentStates, const SearchIndex& index,
+                          std::int32_t row) noexcept {
     const Catalog& catalog = index.catalog();
-    std::int32_t state = term.parentState[catalog.parentIndex(row)];
+    std::int32_t state = parentStates[catalog.parentIndex(row)];
     if (state == planning::kFound) return true;
     if (state == planning::kCut) return false;
     if (state == 0 && (index.nameGramMasks()[static_cast<std::size_t>(row)] & term.mask) != term.mask) return false;

@@ -84,6 +84,11 @@ TEST(RowsParent, ParentAndPathTermsMatchThePlainRule) {
       {"path text over a NUL", "/usr/b", "\\usr\\b", true},
       {"path modifier", "path:share", "path:share", true},
       {"path text and an extension", "path:doc file:", "path:doc file:", true},
+      // A few rows first: only their parents' states are computed.
+      {"path text within a rare name", "f1 path:share", "f1 path:share", true},
+      {"separator text within a rare name", "f1 usr/bin/", "f1 usr\\bin\\", true},
+      {"separator text within a whole name", "wfn:f16 /bin", "wfn:f16 \\bin", true},
+      {"separator text over a NUL, few rows", "f4 /usr/b", "f4 \\usr\\b", true},
   };
   for (const PathFlavor flavor : {PathFlavor::posix, PathFlavor::windows}) {
     const SearchIndexPtr index = treeIndex(flavor);

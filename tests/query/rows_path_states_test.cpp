@@ -105,10 +105,10 @@ TEST(RowsPathStates, PrefixWalkAgreesWithEachParentReadAlone) {
     ASSERT_GT(parents, 100u);
     for (const Case& c : cases) {
       PathTerm term = termOf(table, c.text, c.sensitive);
-      planning::fillParentStates(*catalog, table, term);
-      ASSERT_EQ(term.parentState.size(), parents) << c.label;
+      const std::vector<std::int32_t> states = planning::parentStates(*catalog, table, term);
+      ASSERT_EQ(states.size(), parents) << c.label;
       for (std::uint32_t p = 0; p < parents; ++p)
-        ASSERT_EQ(term.parentState[p], plainState(*catalog, table, term, p))
+        ASSERT_EQ(states[p], plainState(*catalog, table, term, p))
             << c.label << ", parent " << p << ": " << utf8(catalog->parentUnits(p));
     }
   }
@@ -135,9 +135,14 @@ TEST(RowsPathStates, TextsStoredOutOfTreeOrder) {
   const auto parents = static_cast<std::uint32_t>(catalog.parentCount());
   for (const char* text : {"usr/sha", "aab/", "/doc", "share/doc/aa", "d"}) {
     PathTerm term = termOf(table, text, false);
-    planning::fillParentStates(catalog, table, term);
+    const std::vector<std::int32_t> states = planning::parentStates(catalog, table, term);
     for (std::uint32_t p = 0; p < parents; ++p)
-      ASSERT_EQ(term.parentState[p], plainState(catalog, table, term, p)) << text << ", parent " << p;
+      ASSERT_EQ(states[p], plainState(catalog, table, term, p)) << text << ", parent " << p;
+    // One walker over the parents in any order (here from the last to the
+    // first) gives the same states.
+    planning::ParentStateWalker walker(catalog, table, term);
+    for (std::uint32_t p = parents; p-- > 0;)
+      ASSERT_EQ(walker.stateOf(p), states[p]) << text << ", backwards, parent " << p;
   }
 }
 
