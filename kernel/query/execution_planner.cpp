@@ -246,8 +246,10 @@ class Compiler {
           step.folded = true;
           // A whole name, or "abc*": the range compares folded units
           // exactly as the matcher does.
-          step.exact = !term.sensitive && (term.wildcard ? prefix + 1 == term.raw.size() && term.raw.back() == u'*'
-                                                         : whole && prefix == term.text.size());
+          step.exact = !term.sensitive &&
+                       NameCandidates::foldedRangeIsExact(prefix, whole && !term.wildcard) &&
+                       (term.wildcard ? prefix + 1 == term.raw.size() && term.raw.back() == u'*'
+                                      : whole && prefix == term.text.size());
           chosen = true;
         }
       } else if (auto ranges = names->prefixRanges(start)) {

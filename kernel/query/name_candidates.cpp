@@ -1,6 +1,7 @@
 #include "kernel/query/name_candidates.h"
 
 #include <algorithm>
+#include <limits>
 
 #include "kernel/query/name_collation.h"
 #include "kernel/query/parallel.h"
@@ -93,6 +94,11 @@ NameCandidates::Range NameCandidates::suffixRange(TextView suffix) const noexcep
 
 NameCandidates::Range NameCandidates::foldedRange(TextView prefix, bool whole) const noexcept {
   if (!hasFoldedOrder()) return {};
+  // Past the key's units the order says nothing: the range of the key.
+  if (!foldedRangeIsExact(prefix.size(), whole)) {
+    prefix = prefix.substr(0, std::min(prefix.size(), kFoldedKeyUnits));
+    whole = false;
+  }
   const Catalog& c = *catalog_;
   const Compatibility& t = *compatibility_;
   // <0: the name sorts before every name in the range; 0: in it. Names equal
@@ -182,7 +188,10 @@ int NameCandidates::compareReversed(const Compatibility& compatibility, TextView
   return a.size() < b.size() ? -1 : a.size() > b.size() ? 1 : 0;
 }
 
-int NameCandidates::compareFolded(const Compatibility& compatibility, TextView a, TextView b) noexcept {
+int NameCandidates::compareFolded(const Compatibility& compatibility, TextView a, TextView b,
+                                  std::size_t units) noexcept {
+  a = a.substr(0, std::min(a.size(), units));
+  b = b.substr(0, std::min(b.size(), units));
   const std::size_t shared = std::min(a.size(), b.size());
   for (std::size_t j = 0; j < shared; ++j) {
     const Unit x = compatibility.fold(a[j]);
@@ -194,13 +203,13 @@ int NameCandidates::compareFolded(const Compatibility& compatibility, TextView a
 
 namespace {
 
-// Rows sorted by their folded names read forwards or backwards, in slices of
-// fold codes: the unit's code (at least 1), or 0 past the end of the name, so
-// a name that ends first sorts first and a slice ending in 0 means the name
-// ended within it.
+// Rows sorted by their folded names read forwards or backwards, up to
+// `keyUnits` units, in slices of fold codes: the unit's code (at least 1), or
+// 0 past the end of the name (or key), so a name that ends first sorts first
+// and a slice ending in 0 means the key ended within it.
 template <bool kBackwards>
 Buffer<std::int32_t> foldedNameOrder(const Catalog& catalog, const Compatibility& compatibility,
-                                     PrefixScratch* scratch) {
+                                     PrefixScratch* scratch, std::size_t keyUnits) {
   const name_collation::FoldCodes codes(compatibility);
   const std::int32_t n = catalog.count();
   const char16_t* names = catalog.parts().names.data();
@@ -217,18 +226,20 @@ Buffer<std::int32_t> foldedNameOrder(const Catalog& catalog, const Compatibility
     const name_collation::FoldCodes& codes;
     const char16_t* names;
     const std::int32_t* starts;
+    std::size_t keyUnits;
     std::size_t units = codes.unitsPerSlice();
     std::uint64_t mask = codes.slotMask();
 
     PrefixSlice sliceAt(std::int32_t row, int depth) const {
-      const TextView name = catalog.nameUnits(row);
+      const TextView whole = catalog.nameUnits(row);
+      const TextView name = whole.substr(0, std::min(whole.size(), keyUnits));
       const std::size_t from = static_cast<std::size_t>(depth) * units;
       PrefixSlice s;
       codes.pack(
           [&](std::size_t j) -> std::uint64_t {
             const std::size_t at = from + j;
             if (at >= name.size()) return 0;
-            return codes.code(kBackwards ? name[name.size() - 1 - at] : name[at]);
+            return codes.code(kBackwards ? whole[whole.size() - 1 - at] : name[at]);
           },
           s.high, s.low);
       return s;
@@ -241,7 +252,7 @@ Buffer<std::int32_t> foldedNameOrder(const Catalog& catalog, const Compatibility
     }
     bool ended(const PrefixSlice& s) const { return (s.low & mask) == 0; }
     bool finalLess(const PrefixItem& x, const PrefixItem& y) const { return x.row < y.row; }
-  } access{catalog, codes, names, starts};
+  } access{catalog, codes, names, starts, keyUnits};
   prefixSort(items, access, std::size_t(1) << 16, &work.spare);
   Buffer<std::int32_t> rows(static_cast<std::size_t>(n));
   Parallel::chunks(n, 1, 1 << 15, [&](std::int64_t begin, std::int64_t end) {
@@ -254,12 +265,12 @@ Buffer<std::int32_t> foldedNameOrder(const Catalog& catalog, const Compatibility
 
 Buffer<std::int32_t> NameCandidates::buildReverseOrder(const Catalog& catalog, const Compatibility& compatibility,
                                                        PrefixScratch* scratch) {
-  return foldedNameOrder<true>(catalog, compatibility, scratch);
+  return foldedNameOrder<true>(catalog, compatibility, scratch, std::numeric_limits<std::size_t>::max());
 }
 
 Buffer<std::int32_t> NameCandidates::buildFoldedOrder(const Catalog& catalog, const Compatibility& compatibility,
                                                       PrefixScratch* scratch) {
-  return foldedNameOrder<false>(catalog, compatibility, scratch);
+  return foldedNameOrder<false>(catalog, compatibility, scratch, kFoldedKeyUnits);
 }
 
 }  // namespace tarv

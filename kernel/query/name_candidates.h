@@ -7,11 +7,14 @@
 //   level is the level-1 name collation.
 // reverseOrder: every row ordered by its folded name read backwards (unit by
 //   unit from the end, a name that ends first sorting first), ties by row.
-// foldedOrder: every row ordered by its folded name read forwards (a name
-//   that ends first sorting first), ties by row. The comparison tables may
-//   sort a unit apart from the unit it folds to (accented letters), so
-//   nameOrder cannot answer folded prefixes; this order always can, and a
-//   whole folded name is one range of it too.
+// foldedOrder: every row ordered by the first kFoldedKeyUnits units of its
+//   folded name (a name that ends first sorting first), ties by row. The
+//   comparison tables may sort a unit apart from the unit it folds to
+//   (accented letters), so nameOrder cannot answer folded prefixes; this
+//   order can, and a whole folded name is one range of it too. Cutting the
+//   key keeps its sort cheap (long names sharing a start are not read to
+//   their ends); a longer prefix gets the range of its first units, which
+//   holds every match and some rows to test.
 // nulNames: the rows whose name holds a NUL unit, ascending. Level 1 stops at
 //   a NUL, so in nameOrder such a name sits with its part before the NUL;
 //   matchers that read names to their end test these rows on their own.
@@ -76,10 +79,16 @@ class NameCandidates {
   // The range of reverseOrder holding the rows whose folded name ends with
   // `foldedSuffix`.
   Range suffixRange(TextView foldedSuffix) const noexcept;
+  // Units of a folded name that foldedOrder sorts by.
+  static constexpr std::size_t kFoldedKeyUnits = 16;
   // The range of foldedOrder holding the rows whose folded name starts with
-  // `foldedPrefix` (NUL units included), or with `whole` equals it. Empty
+  // `foldedPrefix` (NUL units included), or with `whole` equals it: exactly
+  // those rows while foldedRangeIsExact, else those and some others. Empty
   // when there is no foldedOrder.
   Range foldedRange(TextView foldedPrefix, bool whole) const noexcept;
+  static bool foldedRangeIsExact(std::size_t prefixUnits, bool whole) noexcept {
+    return whole ? prefixUnits < kFoldedKeyUnits : prefixUnits <= kFoldedKeyUnits;
+  }
 
   // A pattern end read backwards: units that must be equal (folded) and
   // kAnyUnit for a position that takes any one unit.
@@ -102,8 +111,10 @@ class NameCandidates {
   // foldedOrder built from a catalog (parallel sort); `scratch` as above.
   static Buffer<std::int32_t> buildFoldedOrder(const Catalog& catalog, const Compatibility& compatibility,
                                                PrefixScratch* scratch = nullptr);
-  // Three-way comparison of two names read forwards through the fold.
-  static int compareFolded(const Compatibility& compatibility, TextView a, TextView b) noexcept;
+  // Three-way comparison of two names read forwards through the fold, up
+  // to `units` units each (foldedOrder's key by default).
+  static int compareFolded(const Compatibility& compatibility, TextView a, TextView b,
+                           std::size_t units = kFoldedKeyUnits) noexcept;
 
  private:
   CatalogPtr catalog_;

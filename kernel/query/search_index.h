@@ -62,7 +62,7 @@ class SearchIndex {
   static constexpr std::uint16_t kExtensionOverflow = 65535;
   // The layout of the sections below, kept in the meta value "indexLayout";
   // a file of another layout is refused (and a cache file rebuilt).
-  static constexpr int kLayout = 4;
+  static constexpr int kLayout = 5;
 
   // Builds every structure. Runs on the calling thread and one helper thread
   // of its own (the orders and the name-side tables are built side by side),

@@ -55,6 +55,10 @@ std::vector<Text> trickyNames() {
                              u"GNUmakefile", u"Makefile.in", u"x.py", u"x.pyc", u"y.PYO", u"z.py.", u"a.pyd",
                              u"Straße", u"strasse", u"\U0001F600.py", u"lib.a", u"libz.a", u"libz.so",
                              u"akefile", u"Bakefile", u"lakefile", u"\u00e9", u"E", u"e"};
+  // Longer than the folded order's key, sharing its units or all but the last.
+  for (const char16_t* name : {u"python3-distutils-extra", u"PYTHON3-DISTUTILS-EXTRA-x", u"python3-distutils-e",
+                               u"abcdefghijklmnop", u"abcdefghijklmnopq", u"ABCDEFGHIJKLMNO", u"abcdefghijklmnoq"})
+    names.push_back(name);
   names.push_back(Text(u"read") + Unit(0) + u"me");
   names.push_back(Text(u"cafe") + Unit(0));
   names.push_back(Text(u"x.py") + Unit(0));
@@ -104,8 +108,13 @@ TEST(NameLookup, CompareFoldedCases) {
       {"unit decides", u"abd", u"abc", 1},
       {"NUL is a unit, not an end", Text(u"ab") + Unit(0), u"ab", 1},
       {"empty first", u"", u"a", -1},
+      {"past the key units are not compared", u"abcdefghijklmnopX", u"ABCDEFGHIJKLMNOPy", 0},
+      {"within the key they are", u"abcdefghijklmnoX", u"ABCDEFGHIJKLMNOy", -1},
+      {"a longer name equals its key", u"abcdefghijklmnopq", u"abcdefghijklmnop", 0},
   };
   for (const Case& c : cases) EXPECT_EQ(NameCandidates::compareFolded(*shippedTable(), c.a, c.b), c.expected) << c.label;
+  // Without the cut, whole names compare.
+  EXPECT_EQ(NameCandidates::compareFolded(*shippedTable(), u"abcdefghijklmnopq", u"abcdefghijklmnop", 100), 1);
 }
 
 // Prefix and whole-name ranges against a scan of the folded names.
@@ -115,21 +124,30 @@ void expectFoldedRangesMatchScans(const SearchIndex& index, const std::vector<Te
   const NameCandidates& names = *index.names();
   for (const Text& probe : probes) {
     const Text folded = t.fold(probe);
-    std::set<std::int32_t> prefixScan, wholeScan;
+    // Beyond the key, the range is that of the key's units.
+    const Text key = folded.substr(0, NameCandidates::kFoldedKeyUnits);
+    std::set<std::int32_t> prefixScan, wholeScan, keyScan;
     for (std::int32_t r = 0; r < c.count(); ++r) {
       const Text name = t.fold(c.nameUnits(r));
       if (name.starts_with(folded)) prefixScan.insert(r);
       if (name == folded) wholeScan.insert(r);
+      if (name.starts_with(key)) keyScan.insert(r);
     }
-    EXPECT_EQ(rowsOf(names.foldedOrder(), {names.foldedRange(folded, false)}), prefixScan) << "prefix " << utf8(probe);
-    EXPECT_EQ(rowsOf(names.foldedOrder(), {names.foldedRange(folded, true)}), wholeScan) << "whole " << utf8(probe);
+    const bool prefixExact = NameCandidates::foldedRangeIsExact(folded.size(), false);
+    const bool wholeExact = NameCandidates::foldedRangeIsExact(folded.size(), true);
+    EXPECT_EQ(rowsOf(names.foldedOrder(), {names.foldedRange(folded, false)}), prefixExact ? prefixScan : keyScan)
+        << "prefix " << utf8(probe);
+    EXPECT_EQ(rowsOf(names.foldedOrder(), {names.foldedRange(folded, true)}), wholeExact ? wholeScan : keyScan)
+        << "whole " << utf8(probe);
   }
 }
 
 TEST(NameLookup, FoldedRangesEqualScans) {
   const std::vector<Text> probes = {u"",     u"r",      u"README", u"readme.", u"café", u"CAFE", u"caf",
                                     u"Make", u"makefile", u"x.py",  u"zz",      u"é",    u"e",    u"straß",
-                                    Text(u"read") + Unit(0), Text(u"cafe") + Unit(0), u"\U0001F600"};
+                                    Text(u"read") + Unit(0), Text(u"cafe") + Unit(0), u"\U0001F600",
+                                    u"python3-distutils-extra", u"Python3-Distutils-Extra-X", u"abcdefghijklmnop",
+                                    u"abcdefghijklmnopq", u"abcdefghijklmno", u"abcdefghijklmnoq"};
   expectFoldedRangesMatchScans(*indexOfNames(trickyNames(), shippedTable()), probes);
   const auto table = testing::syntheticTable();
   for (std::uint32_t seed = 1; seed <= 6; ++seed) {
@@ -239,6 +257,10 @@ TEST(NameLookup, PlannerUsesTheLookupsAndStaysExact) {
       {"wfn:café", "name-prefix"},
       {"case:wfn:README", "name-prefix"},
       {"wfn:read", "name-prefix"},
+      {"wfn:abcdefghijklmnop", "name-prefix"},
+      {"wfn:abcdefghijklmno", "name-prefix"},
+      {"python3-distutils-e*", "name-prefix"},
+      {"python3-distutils-extra*", "name-prefix"},
       {"*.py?", "name-suffix"},
       {"*.PY?", "name-suffix"},
       {"case:*.py?", "name-suffix"},
