@@ -1,6 +1,7 @@
 #include "kernel/query/plan_evaluator.h"
 
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <bit>
 #include <optional>
@@ -140,9 +141,12 @@ class Evaluator {
   }
 
   // Rows whose name-bigram mask holds `mask` and whose name-unit mask holds
-  // `unitMask`, in the pool, then `test`.
+  // `unitMask`, in the pool, then `test`. With `anyOf` (an or of literals,
+  // each a bigram mask and a unit mask), a row survives when it holds both
+  // masks of any one literal instead.
   template <class Test>
-  Bitset maskScan(const Bitset* pool, std::uint64_t mask, Test test, std::uint64_t unitMask = 0) const {
+  Bitset maskScan(const Bitset* pool, std::uint64_t mask, Test test, std::uint64_t unitMask = 0,
+                  std::span<const std::array<std::uint64_t, 2>> anyOf = {}) const {
     const std::uint64_t* masks = index_.nameGramMasks().data();
     const std::uint64_t* unitMasks = index_.nameUnitMasks().data();
     Bitset out(n_);
@@ -158,7 +162,15 @@ class Evaluator {
         // Branch-free over the word's masks, then the few survivors.
         std::uint64_t held = 0;
         const std::int64_t count = std::min<std::int64_t>(64, n_ - first);
-        if (unitMask == 0) {
+        if (!anyOf.empty()) {
+          for (std::int64_t i = 0; i < count; ++i) {
+            const std::uint64_t m = masks[first + i];
+            const std::uint64_t u = unitMasks[first + i];
+            bool any = false;
+            for (const auto& x : anyOf) any |= ((m & x[0]) == x[0]) & ((u & x[1]) == x[1]);
+            held |= std::uint64_t(any) << i;
+          }
+        } else if (unitMask == 0) {
           for (std::int64_t i = 0; i < count; ++i) held |= std::uint64_t((masks[first + i] & mask) == mask) << i;
         } else {
           for (std::int64_t i = 0; i < count; ++i)
@@ -376,20 +388,32 @@ class Evaluator {
   Bitset literalOr(const Step& step, const Bitset* pool) const {
     const MultiLiteralOr& alternatives = *step.term->literalOr;
     const std::uint64_t* masks = index_.nameGramMasks().data();
+    const std::uint64_t* unitMasks = index_.nameUnitMasks().data();
+    // The rows holding both masks of some literal: far fewer than those
+    // holding the bigrams all literals share (often none), and read in the
+    // same pass over the mask columns.
+    std::vector<std::array<std::uint64_t, 2>> each;
+    for (const MultiLiteralOr::Literal& literal : alternatives.literals) each.push_back({literal.mask, literal.units});
+    if (each.size() > kMaxMaskAlternatives) each.clear();
     return maskScan(pool, alternatives.commonMask, [&](std::int32_t r) {
       const std::uint64_t m = masks[r];
+      const std::uint64_t u = unitMasks[r];
       const TextView name = catalog_.nameUnits(r);
       for (std::size_t i = 0; i < alternatives.literals.size(); ++i) {
         const MultiLiteralOr::Literal& literal = alternatives.literals[i];
-        if ((m & literal.mask) != literal.mask) continue;
+        if ((m & literal.mask) != literal.mask || (u & literal.units) != literal.units) continue;
         const auto& first = step.firsts[i];
         if (first ? name_literal::contains(name, literal.text, *first, fold_)
                   : name_literal::contains(name, literal.text, literal.sensitive, fold_))
           return true;
       }
       return false;
-    });
+    }, 0, each);
   }
+
+  // Literals of an or whose masks are tested one by one per row; beyond
+  // this the bigrams all literals share decide which names are read.
+  static constexpr std::size_t kMaxMaskAlternatives = 8;
 
   // Rows of the pool whose name-unit mask has `bit`: 8 bytes a row, no name.
   Bitset unitBitRows(int bit, const Bitset* pool) const {

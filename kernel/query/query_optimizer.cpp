@@ -99,13 +99,16 @@ std::vector<bool> deviceHits(const Term& term, const SearchIndex& index) {
   return hits;
 }
 
-void prepareOr(Term& term) {
+void prepareOr(Term& term, const SearchIndex& index) {
   auto literals = std::make_shared<MultiLiteralOr>();
   literals->commonMask = ~std::uint64_t(0);
   for (std::size_t i = 0; i < term.children.size(); ++i) {
     const Term& child = *term.children[i];
     if (!QueryOptimizer::isNameLiteral(child)) continue;
-    literals->literals.push_back({child.text, child.sensitive, child.nameGrams});
+    // A sensitive text holds its units as typed; the rows' masks hold folded ones.
+    const std::uint64_t units = child.sensitive ? SearchIndex::unitMask(index.compatibility(), child.text)
+                                                : SearchIndex::foldedUnitMask(child.text);
+    literals->literals.push_back({child.text, child.sensitive, child.nameGrams, units});
     literals->literalChildren.push_back(i);
     literals->commonMask &= child.nameGrams;
   }
@@ -232,7 +235,7 @@ void QueryOptimizer::prepare(Term& root, const SearchIndex& index) {
       case Kind::parent: term.parentHits = parentHits(term, index); break;
       case Kind::volume: term.deviceHits = deviceHits(term, index); break;
       case Kind::or_:
-        if (expanded) prepareOr(term);
+        if (expanded) prepareOr(term, index);
         break;
       case Kind::and_:
         if (expanded) prepareAnd(term);

@@ -37,6 +37,7 @@ struct MultiLiteralOr {
     Text text;  // folded, or as typed when sensitive
     bool sensitive = false;
     std::uint64_t mask = 0;  // bigram mask; a matching name holds every bit
+    std::uint64_t units = 0;  // name-unit mask; a matching name holds every bit too
   };
   std::vector<Literal> literals;
   std::vector<std::size_t> literalChildren;  // positions in the or's children

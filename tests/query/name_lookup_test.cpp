@@ -283,6 +283,30 @@ TEST(NameLookup, PlannerUsesTheLookupsAndStaysExact) {
   }
 }
 
+// Ors of literals are tested in one pass over the mask columns: a row is
+// read when it holds both masks of any one literal (up to a limit on the
+// literals, beyond which the shared bigrams decide).
+TEST(NameLookup, LiteralOrsStayExact) {
+  struct Case {
+    const char* label;
+    const char* query;
+  };
+  const std::vector<Case> cases = {
+      {"two words", "README|Makefile"},
+      {"case on one side", "case:README|makefile"},
+      {"case on both", "case:<ReadMe|MAKEFILE>"},
+      {"case with accents", "case:Café|case:CAFÉ.txt"},
+      {"accents fold", "café|straße"},
+      {"one literal matches nothing", "README|qqqqqq"},
+      {"a one-unit literal", "README|x"},
+      {"many literals", "a.py|b.py|readme|cafe|lib|make|file1|file2|file3|strasse"},
+      {"beside other terms", "README|Makefile|*.py"},
+  };
+  const ExecutionPlanner planner(plannerIndex());
+  for (const Case& c : cases) expectExact(planner, c.query);
+  EXPECT_EQ(std::string(ExecutionPlanner::name(planner.plan(u"README|Makefile").strategy)), "literal-or");
+}
+
 TEST(NameLookup, RandomPatternsOnRandomCatalogsStayExact) {
   std::mt19937 random(7);
   const std::vector<std::string> pieces = {"a", "b", "A", "e", "E", "\xc3\xa9", ".", "?", "*", "z", "1"};
