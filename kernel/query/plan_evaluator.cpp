@@ -570,6 +570,11 @@ class Evaluator {
     });
     return states;
   }
+  // Path terms whose open parents hold at most rows / kPathGroupRatio rows
+  // take them from the rows grouped by parent: a scattered row costs about
+  // what a scan spends on two rows.
+  static constexpr std::int64_t kPathGroupRatio = 2;
+
   // A pool of fewer rows than parents / kSparsePathRatio has its parents'
   // states computed on their own: each costs about a parent text's walk.
   static constexpr std::int64_t kSparsePathRatio = 2;
@@ -617,16 +622,18 @@ class Evaluator {
     const auto& counts = index_.parentRowCounts();
     for (std::size_t p = 0; p < parentState.size(); ++p)
       if (open(parentState[p])) pending += p < counts.size() ? counts[p] : n_;
-    if (pending > n_ / 4 || (pool && pool->count() < pending) || firstUse(groups_.parentUses))
+    if (pending > n_ / kPathGroupRatio || (pool && pool->count() < pending) || firstUse(groups_.parentUses))
       return perRow(pool, separatorTest);
     ensureParents();
-    Bitset out(n_);
-    for (std::size_t p = 0; p < parentState.size(); ++p) {
-      const std::int32_t state = parentState[p];
-      if (!open(state)) continue;
-      if (state == kFound) setCandidates(groups_.byParent.of(p), pool, out, [](std::int32_t) { return true; });
-      else setCandidates(groups_.byParent.of(p), pool, out, test);
-    }
+    // The rows of parents holding the text are members as they are,
+    // scattered per worker; those of parents leaving a part pending are read.
+    std::vector<std::span<const std::int32_t>> found;
+    for (std::size_t p = 0; p < parentState.size(); ++p)
+      if (parentState[p] == kFound) found.push_back(groups_.byParent.of(p));
+    Bitset out = scatter(found, [](std::int32_t) { return true; });
+    if (pool) out.intersect(*pool);
+    for (std::size_t p = 0; p < parentState.size(); ++p)
+      if (parentState[p] != kFound && open(parentState[p])) setCandidates(groups_.byParent.of(p), pool, out, test);
     // Rows with a separator in the name, whatever their parent.
     const std::span<const std::uint64_t> separators = index_.separatorNames();
     Bitset named(std::vector<std::uint64_t>(separators.begin(), separators.end()));
