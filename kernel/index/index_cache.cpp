@@ -330,7 +330,12 @@ std::optional<IndexCache::Loaded> IndexCache::mapCached(const Configuration::Sou
 void IndexCache::store(const Loaded& loaded) const noexcept {
   if (!directory_ || loaded.cached || !loaded.catalog || !loaded.index) return;
   if (loaded.writing) {
-    loaded.writing->wait();
+    try {
+      loaded.writing->wait();
+    } catch (...) {
+      // Only the wait failed: the write goes on in the background, inside
+      // the pending-writes group, and reports its own failure.
+    }
     return;
   }
   writeCacheFile(*directory_, loaded.key, loaded.fingerprint, *loaded.catalog, [&] { return loaded.index; });
