@@ -219,7 +219,7 @@ class Compiler {
   // in the reversed-name order, and the most ranges its `?` units may split
   // it into, beyond which a scan is cheaper than the lookups.
   static constexpr std::size_t kMaxTailUnits = 256;
-  static constexpr std::size_t kMaxTailRanges = 2048;
+  static constexpr std::size_t kMaxTailRanges = 512;
 
   // The candidates of a literal start (prefix) or an end (suffix: literal
   // units and `?`) of names. `prefix` counts the literal units at the start;

@@ -144,6 +144,9 @@ std::optional<std::vector<NameCandidates::Range>> NameCandidates::suffixRanges(s
     return lo;
   };
   std::vector<Range> out;
+  // Splits made over the whole walk: each any-unit position multiplies the
+  // ranges, so the budget is shared by all of them, which bounds the work.
+  std::size_t pieces = 0;
   // Depth-first over the any-unit positions: (range, next position) pairs.
   std::vector<std::pair<Range, std::size_t>> pending{{Range{0, static_cast<std::int64_t>(reverseOrder_.size())}, 0}};
   while (!pending.empty()) {
@@ -164,7 +167,6 @@ std::optional<std::vector<NameCandidates::Range>> NameCandidates::suffixRanges(s
     // Each step moves forward by at least one position, so a damaged order
     // (not sorted) cannot stall the walk.
     std::int64_t at = below(r, j, 0);
-    std::size_t pieces = 0;
     while (at < r.end) {
       const std::int32_t u = unitAt(at, j);
       const std::int64_t end = std::max(at + 1, below({at, r.end}, j, u + 1));

@@ -96,8 +96,8 @@ class NameCandidates {
   // The ranges of reverseOrder holding the rows whose folded name ends with
   // `pattern` (one entry per unit from the name's end: a folded unit, or
   // kAnyUnit). Each any-unit position splits a range by the distinct units
-  // found there, one binary search each; nothing when more than
-  // `maxRanges` ranges would be needed.
+  // found there, one binary search each; nothing when the walk would split
+  // ranges more than `maxRanges` times in all.
   std::optional<std::vector<Range>> suffixRanges(std::span<const std::int32_t> pattern,
                                                  std::size_t maxRanges) const;
 

@@ -212,6 +212,12 @@ TEST(NameLookup, SuffixRangesGiveUpBeyondTheirLimit) {
   const std::vector<std::int32_t> any = {NameCandidates::kAnyUnit};
   EXPECT_FALSE(names.suffixRanges(any, 2).has_value());
   EXPECT_TRUE(names.suffixRanges(any, 1000).has_value());
+  // Several any-unit positions share one budget of splits, so the walk
+  // stays bounded however many positions come before a literal unit.
+  const std::vector<std::int32_t> deep = {NameCandidates::kAnyUnit, NameCandidates::kAnyUnit,
+                                          NameCandidates::kAnyUnit, u'x'};
+  EXPECT_FALSE(names.suffixRanges(deep, 20).has_value());
+  EXPECT_TRUE(names.suffixRanges(deep, 100000).has_value());
 }
 
 // The planner's answer for one query, row by row against Query::matches.
