@@ -312,9 +312,10 @@ class Evaluator {
     std::size_t otherCount = 0;
     for (std::size_t i = 0; i < count; ++i)
       if (i != best) others[otherCount++] = fields[i];
-    const std::array<std::span<const std::int32_t>, 2> lists = {
-        order.span().subspan(static_cast<std::size_t>(runs.folders.begin), static_cast<std::size_t>(runs.folders.size())),
-        order.span().subspan(static_cast<std::size_t>(runs.files.begin), static_cast<std::size_t>(runs.files.size()))};
+    auto rowsOf = [&](const order_range::Run& run) {
+      return order.span().subspan(static_cast<std::size_t>(run.begin), static_cast<std::size_t>(run.size()));
+    };
+    const std::array<std::span<const std::int32_t>, 2> lists = {rowsOf(runs.folders), rowsOf(runs.files)};
     Bitset out = scatter(lists, [&](std::int32_t r) {
       bool ok = true;
       for (std::size_t i = 0; i < otherCount; ++i) ok &= passesField(others[i], r);

@@ -61,11 +61,17 @@ std::vector<bool> parentHitsByOrder(const Term& term, const SearchIndex& index) 
   for (const Unit separator : {u'/', u'\\'})
     if (path_flavor::isSeparator(catalog.pathFlavor(), separator)) wanted.push_back(folded + table.fold(separator));
   for (const Text& text : wanted) {
-    auto at = std::partition_point(order.begin(), order.end(),
-                                   [&](std::int32_t p) { return compareFolded(textAt(p), text, table) < 0; });
-    for (; at != order.end() && compareFolded(textAt(*at), text, table) == 0; ++at) {
-      const auto p = static_cast<std::uint32_t>(*at);
-      if (p < parents && equalsText(term, path_flavor::trimParent(catalog.pathFlavor(), textAt(*at)), table))
+    // A plain binary search: a damaged order need not be sorted.
+    std::size_t low = 0;
+    std::size_t high = order.size();
+    while (low < high) {
+      const std::size_t middle = low + (high - low) / 2;
+      if (compareFolded(textAt(order[middle]), text, table) < 0) low = middle + 1;
+      else high = middle;
+    }
+    for (std::size_t at = low; at < order.size() && compareFolded(textAt(order[at]), text, table) == 0; ++at) {
+      const auto p = static_cast<std::uint32_t>(order[at]);
+      if (p < parents && equalsText(term, path_flavor::trimParent(catalog.pathFlavor(), textAt(order[at])), table))
         hits[p] = true;
     }
   }
