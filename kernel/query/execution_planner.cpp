@@ -275,12 +275,21 @@ class Compiler {
         pattern.push_back(any ? NameCandidates::kAnyUnit : static_cast<std::int32_t>(folded[k]));
       }
       std::optional<std::vector<NameCandidates::Range>> ranges;
+      bool exact = !term.sensitive && (whole || (from == 1 && term.raw[0] == u'*'));
       if (!anyUnit && !whole) {
         ranges = std::vector<NameCandidates::Range>{names->suffixRange(TextView(folded).substr(from))};
       } else {
         ranges = names->suffixRanges(pattern, kMaxTailRanges);
         // Without a `*` the name is the tail: only names of that length.
         if (ranges && whole) narrowToLength(*names, *ranges, tail);
+      }
+      // Too many splits: the literal units after the last wildcard alone
+      // ("*???.h" reads the names ending in .h), their rows all tested.
+      const std::size_t literalEnd = term.raw.size() - 1 - term.raw.find_last_of(u"*?");
+      if (!ranges && literalEnd > 0) {
+        ranges = std::vector<NameCandidates::Range>{
+            names->suffixRange(TextView(folded).substr(folded.size() - literalEnd))};
+        exact = false;
       }
       if (ranges) {
         std::int64_t size = 0;
@@ -292,7 +301,7 @@ class Compiler {
           step.folded = false;
           // "*abc", "*.py?" and "?akefile": every unit outside the tail is
           // absorbed by one leading `*`, or there is none.
-          step.exact = !term.sensitive && (whole || (from == 1 && term.raw[0] == u'*'));
+          step.exact = exact;
           chosen = true;
         }
       }

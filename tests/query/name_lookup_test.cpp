@@ -275,6 +275,11 @@ TEST(NameLookup, PlannerUsesTheLookupsAndStaysExact) {
       {"??kefile", "name-suffix"},
       {"*.py", "name-suffix"},
       {"lib?.a", "name-suffix"},
+      // More ? units than the split budget allows on 2000 names: whichever
+      // way is taken, the answer stays exact.
+      {"*????????.txt", ""},
+      {"??????????.txt", ""},
+      {"*????.????", ""},
       // Nothing literal to look up: no lookup strategy.
       {"*", nullptr},
       {"*?", nullptr},
@@ -283,7 +288,9 @@ TEST(NameLookup, PlannerUsesTheLookupsAndStaysExact) {
   const ExecutionPlanner planner(plannerIndex());
   for (const Case& c : cases) {
     const std::string strategy(ExecutionPlanner::name(planner.plan(utf16(c.query)).strategy));
-    if (c.strategy != nullptr) EXPECT_EQ(strategy, c.strategy) << c.query;
+    if (c.strategy != nullptr && *c.strategy == 0) {
+      // any strategy
+    } else if (c.strategy != nullptr) EXPECT_EQ(strategy, c.strategy) << c.query;
     else EXPECT_TRUE(strategy != "name-prefix" && strategy != "name-suffix") << c.query << " " << strategy;
     expectExact(planner, c.query);
   }
