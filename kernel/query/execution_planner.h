@@ -25,9 +25,12 @@
 //                   of all rows are scanned in bulk for the units that fold
 //                   to it.
 //   "name-prefix"   a pattern or whole name with a literal start: a binary
-//                   search in the name order gives the candidates.
-//   "name-suffix"   a pattern with a literal end (*.so): a binary search in
-//                   the reversed-name order gives the candidates.
+//                   search in the folded-name order gives the candidates
+//                   (for README*, wfn:Makefile exactly the matches).
+//   "name-suffix"   a pattern whose end after the last `*` holds a literal
+//                   unit (*.so, *.py?, ?akefile): binary searches in the
+//                   reversed-name order, one range per unit found where the
+//                   end has a `?`, give the candidates.
 //   "gram-scan"     a pattern without a usable end: bigram test of its
 //                   literal runs, then the pattern.
 //   "extension"     ext: and type macros: the extension ids are decided
