@@ -20,10 +20,38 @@ void Bitset::setRange(std::int64_t begin, std::int64_t end) noexcept {
   words_[last] |= tail;
 }
 
-std::int64_t Bitset::count(std::span<const std::uint64_t> words) noexcept {
+namespace {
+
+std::int64_t countWords(std::span<const std::uint64_t> words) noexcept {
   std::int64_t total = 0;
   for (auto w : words) total += std::popcount(w);
   return total;
+}
+
+#if defined(__x86_64__) && (defined(__GNUC__) || defined(__clang__))
+// The baseline x86-64 target has no population-count instruction, so the
+// portable loop calls a library routine per word (about 20 instructions); a
+// count of a 7.9 M-row set is 124,000 words. Every x86-64 processor of the
+// last fifteen years has the instruction: use it when the processor says so.
+__attribute__((target("popcnt"))) std::int64_t countWordsWithInstruction(std::span<const std::uint64_t> words) noexcept {
+  std::int64_t total = 0;
+  for (auto w : words) total += __builtin_popcountll(w);
+  return total;
+}
+
+const bool kHasPopcount = [] {
+  __builtin_cpu_init();  // this runs among the static constructors
+  return __builtin_cpu_supports("popcnt") != 0;
+}();
+#endif
+
+}  // namespace
+
+std::int64_t Bitset::count(std::span<const std::uint64_t> words) noexcept {
+#if defined(__x86_64__) && (defined(__GNUC__) || defined(__clang__))
+  if (kHasPopcount) return countWordsWithInstruction(words);
+#endif
+  return countWords(words);
 }
 
 bool Bitset::none() const noexcept {

@@ -125,14 +125,18 @@ constexpr char16_t kPunctuationBits[] = {u'.', u'_', u'-', u'+', u'@', u'~', u' 
 constexpr int kFirstPunctuationBit = 36;
 constexpr int kFirstHashedBit = kFirstPunctuationBit + static_cast<int>(std::size(kPunctuationBits));
 static_assert(kFirstHashedBit + SearchIndex::kHashedUnitBits == 64);
+static_assert(std::ranges::all_of(kPunctuationBits, [](char16_t u) { return u < 0x80; }));
 
 int SearchIndex::unitBit(Unit folded) noexcept {
   const std::uint32_t u = folded;
   if (u >= u'a' && u <= u'z') return static_cast<int>(u - u'a');
   if (u >= u'A' && u <= u'Z') return static_cast<int>(u - u'A');
   if (u >= u'0' && u <= u'9') return 26 + static_cast<int>(u - u'0');
-  for (std::size_t k = 0; k < std::size(kPunctuationBits); ++k)
-    if (u == kPunctuationBits[k]) return kFirstPunctuationBit + static_cast<int>(k);
+  // Every punctuation unit with its own bit is ASCII: the other units skip
+  // the search (the exact-unit table walks all 65,536 at every start-up).
+  if (u < 0x80)
+    for (std::size_t k = 0; k < std::size(kPunctuationBits); ++k)
+      if (u == kPunctuationBits[k]) return kFirstPunctuationBit + static_cast<int>(k);
   return kFirstHashedBit + static_cast<int>(((u * 2654435761u) >> 16) % kHashedUnitBits);
 }
 
@@ -149,7 +153,7 @@ std::uint64_t SearchIndex::foldedUnitMask(TextView folded) noexcept {
   return mask;
 }
 
-void SearchIndex::findExactUnits() noexcept {
+void SearchIndex::findExactUnits() const noexcept {
   // The values the table folds to; a bit reached by one of them alone
   // answers a one-unit question exactly.
   const auto& search = compatibility_->searchTable();
@@ -171,7 +175,6 @@ void SearchIndex::findExactUnits() noexcept {
 
 SearchIndex::SearchIndex(CatalogPtr catalog, std::shared_ptr<const Compatibility> compatibility)
     : catalog_(std::move(catalog)), compatibility_(std::move(compatibility)) {
-  findExactUnits();
   const Catalog& c = *catalog_;
   storedKeys_ = {SortKey::name, SortKey::path, SortKey::size, SortKey::modified};
   if (c.parts().createdTimes) storedKeys_.push_back(SortKey::created);
@@ -405,13 +408,11 @@ void SearchIndex::buildParentPrefixOrder() {
   std::vector<std::int32_t> prefixOrder(static_cast<std::size_t>(parents));
   for (std::size_t k = 0; k < prefixOrder.size(); ++k) prefixOrder[k] = parentItems[k].row;
   parentPrefixOrder_ = Column<std::int32_t>::owned(std::move(prefixOrder));
-
 }
 
 SearchIndex::SearchIndex(const IndexFile::Reader& reader, CatalogPtr catalog,
                          std::shared_ptr<const Compatibility> compatibility, std::string_view prefix)
     : catalog_(std::move(catalog)), compatibility_(std::move(compatibility)) {
-  findExactUnits();
   // Constant time whatever the record count: lengths against the counts the
   // catalog implies, never the values inside. Users of a stored number as an
   // index check it where they use it (see the header), so a damaged file

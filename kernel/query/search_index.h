@@ -138,6 +138,7 @@ class SearchIndex {
   // Whether a row's unit mask tells exactly whether its name holds a unit
   // that folds to `folded`: no other value of the fold table shares its bit.
   bool unitBitIsExact(Unit folded) const noexcept {
+    std::call_once(exactUnitsOnce_, [this] { findExactUnits(); });
     return exactUnits_[static_cast<std::size_t>(unitBit(folded))] == static_cast<std::int32_t>(folded);
   }
 
@@ -171,7 +172,9 @@ class SearchIndex {
     std::vector<std::vector<std::int32_t>> classMembers;
   };
   const ExtensionTables& extensionTables() const;
-  void findExactUnits() noexcept;
+  // Walks all 65,536 units of the table: done on the first one-unit
+  // question, not at every start-up.
+  void findExactUnits() const noexcept;
 
   CatalogPtr catalog_;
   std::shared_ptr<const Compatibility> compatibility_;
@@ -184,7 +187,8 @@ class SearchIndex {
   Column<std::uint64_t> nameUnitMasks_;
   // Per unit bit, the one folded value that maps to it, or -1 when none or
   // several do.
-  std::array<std::int32_t, 64> exactUnits_{};
+  mutable std::array<std::int32_t, 64> exactUnits_{};
+  mutable std::once_flag exactUnitsOnce_;
   Column<std::int64_t> extensionCounts_;
   Column<std::int32_t> parentPrefixOrder_;
   Column<std::int32_t> parentRowCounts_;
