@@ -41,8 +41,11 @@
 //                   match (or whose name holds a separator, when the text
 //                   does) read their names.
 //   "volume"        volume-label:, decided once per device.
-//   "filter-scan"   size, date, file: and folder: terms: one merged
-//                   per-row test of the columns.
+//   "filter-scan"   size, date, file: and folder: terms as one merged
+//                   filter: a selective size or date range is a run of the
+//                   stored size or date order (binary search), the other
+//                   fields tested on that run's rows; otherwise one per-row
+//                   test of the columns.
 //   "combined"      and / or / not over the above.
 //   "scan"          the rest (full-path patterns, trees too deep or too
 //                   large): Query::matches per row.
