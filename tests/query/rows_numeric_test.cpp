@@ -79,7 +79,7 @@ TEST(RowsOrderRange, DamagedOrdersStayWithinTheirColumns) {
   for (int trial = 0; trial < 200; ++trial) {
     std::vector<std::int32_t> order = kOrder;
     for (auto& entry : order)
-      if (random() % 4 == 0) entry = static_cast<std::int32_t>(random()) - (1 << 30);
+      if (random() % 4 == 0) entry = static_cast<std::int32_t>(static_cast<std::int64_t>(random()) - (std::int64_t(1) << 31));
     const std::int64_t folders = static_cast<std::int64_t>(random() % 30) - 10;
     const auto runs = order_range::find(order, kValues, folders, known(random() % 200, 5000), 3);
     for (const order_range::Run run : {runs.folders, runs.files}) {
