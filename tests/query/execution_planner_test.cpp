@@ -75,21 +75,6 @@ SearchIndexPtr bigIndex() {
   return index;
 }
 
-// The planner's rows, as a sorted list, against the plain evaluation.
-void expectExact(const ExecutionPlanner& planner, const std::string& query, const std::string& label) {
-  const SearchIndex& index = planner.index();
-  auto root = Query::parse(utf16(query), index.compatibility(), index.catalog().pathFlavor());
-  Query::markSizeSemantics(*root, index.catalog().directorySizes());
-  const ExecutionPlanner::Selection selection = planner.select(utf16(query));
-  std::int64_t expected = 0;
-  for (std::int32_t r = 0; r < index.catalog().count(); ++r) {
-    const bool want = Query::matches(*root, index.catalog(), r, index.compatibility());
-    expected += want ? 1 : 0;
-    ASSERT_EQ(selection.rows.test(r), want) << label << ": row " << r << " " << index.catalog().name(r);
-  }
-  EXPECT_EQ(selection.count, expected) << label;
-}
-
 TEST(ExecutionPlanner, EachQueryClassUsesItsStructure) {
   struct Case {
     const char* label;
@@ -126,7 +111,7 @@ TEST(ExecutionPlanner, EachQueryClassUsesItsStructure) {
   const ExecutionPlanner planner(bigIndex());
   for (const Case& c : cases) {
     EXPECT_EQ(std::string(ExecutionPlanner::name(planner.plan(utf16(c.query)).strategy)), c.strategy) << c.label;
-    expectExact(planner, c.query, c.label);
+    testing::expectPlannerExact(planner, c.query, c.label);
   }
 }
 
@@ -150,7 +135,7 @@ TEST(ExecutionPlanner, NameOrderRangesServePrefixesWhereFoldingAgreesWithOrder) 
     for (const Case& c : cases) {
       EXPECT_EQ(std::string(ExecutionPlanner::name(planner.plan(utf16(c.query)).strategy)), c.strategy) << c.query;
       EXPECT_EQ(planner.select(utf16(c.query)).count, c.count) << c.query;
-      expectExact(planner, c.query, c.query);
+      testing::expectPlannerExact(planner, c.query, c.query);
     }
   }
 }
@@ -170,7 +155,7 @@ TEST(ExecutionPlanner, NamesHoldingNulUnitsAreTestedOnTheirOwn) {
   auto catalog = std::make_shared<Catalog>(builder.finish());
   const ExecutionPlanner planner(std::make_shared<const SearchIndex>(catalog, realTable()));
   for (const char* q : {"ab*", "*.so", "*cd.so", "abc*", "*abc", "wfn:abc", "c", "ab"})
-    expectExact(planner, q, q);
+    testing::expectPlannerExact(planner, q, q);
   EXPECT_EQ(planner.select(u"*.so").count, 1);
 }
 
@@ -180,7 +165,7 @@ TEST(ExecutionPlanner, PathTermsFindSeparatorsInsideNames) {
   std::vector<Entry> entries = {{"C:\\a", true}, {"C:\\a\\b/c.txt"}, {"C:\\a\\bc.txt"}, {"C:\\x\\y\\z"}};
   for (int i = 0; i < 100; ++i) entries.push_back({"C:\\a\\f" + std::to_string(i)});
   const ExecutionPlanner planner(indexOf(entries, PathFlavor::windows));
-  for (const char* q : {"b/c", "a\\b", "\\a\\", "y\\z", "x\\", "C:\\"}) expectExact(planner, q, q);
+  for (const char* q : {"b/c", "a\\b", "\\a\\", "y\\z", "x\\", "C:\\"}) testing::expectPlannerExact(planner, q, q);
 }
 
 TEST(ExecutionPlanner, PathTermsDecidedByParentStatesStayExact) {
@@ -209,7 +194,7 @@ TEST(ExecutionPlanner, PathTermsDecidedByParentStatesStayExact) {
     for (std::string q : {"\\share\\doc\\", "share\\doc\\p1", "doc\\", "\\", "e\\doc", "sh\\are1",
                           "usr\\share\\docs\\d3", "/doc/", "c/", "path:doc/x"}) {
       if (!windows) std::replace(q.begin(), q.end(), '\\', '/');
-      expectExact(planner, q, (windows ? "windows " : "posix ") + q);
+      testing::expectPlannerExact(planner, q, (windows ? "windows " : "posix ") + q);
     }
   }
 }
@@ -229,7 +214,7 @@ TEST(ExecutionPlanner, QueriesBeyondTheBudgetsStayExact) {
   // state would show here.
   const std::string longPath = "path:" + std::string(50000, 'o') + "/";
   for (const std::string& q : {wide, deep, longText, parents, longPath, std::string(3000, '!') + "x"})
-    expectExact(planner, q, q.substr(0, 40));
+    testing::expectPlannerExact(planner, q, q.substr(0, 40));
   // Quadratic work on these would run for hours and meet ctest's time-out;
   // the linear bound itself is measured in CPU time by the resource-bounds
   // test, not by the wall clock of a shared or instrumented machine.
@@ -418,7 +403,7 @@ TEST(QueryOptimizer, MergedNumericFilterAgreesWithItsTerms) {
       EXPECT_EQ(QueryOptimizer::passes(filter, index->catalog(), r),
                 Query::matches(*root, index->catalog(), r, index->compatibility()))
           << q << " row " << r;
-    expectExact(ExecutionPlanner(index), q, q);
+    testing::expectPlannerExact(ExecutionPlanner(index), q, q);
   }
 }
 

@@ -21,6 +21,7 @@
 #include "tests/support/process.h"
 #include "tests/support/synthetic_catalog.h"
 #include "tests/support/temp_dir.h"
+#include "tests/query/query_test_support.h"
 
 namespace tarv {
 namespace {
@@ -220,21 +221,6 @@ TEST(NameLookup, SuffixRangesGiveUpBeyondTheirLimit) {
   EXPECT_TRUE(names.suffixRanges(deep, 100000).has_value());
 }
 
-// The planner's answer for one query, row by row against Query::matches.
-void expectExact(const ExecutionPlanner& planner, const std::string& query) {
-  const SearchIndex& index = planner.index();
-  auto root = Query::parse(utf16(query), index.compatibility(), index.catalog().pathFlavor());
-  Query::markSizeSemantics(*root, index.catalog().directorySizes());
-  const ExecutionPlanner::Selection selection = planner.select(utf16(query));
-  std::int64_t expected = 0;
-  for (std::int32_t r = 0; r < index.catalog().count(); ++r) {
-    const bool want = Query::matches(*root, index.catalog(), r, index.compatibility());
-    expected += want ? 1 : 0;
-    ASSERT_EQ(selection.rows.test(r), want) << query << ": row " << r << " " << index.catalog().name(r);
-  }
-  EXPECT_EQ(selection.count, expected) << query;
-}
-
 // Many plain rows, so lookups are clearly cheaper than scans, plus the
 // tricky names.
 SearchIndexPtr plannerIndex() {
@@ -292,7 +278,7 @@ TEST(NameLookup, PlannerUsesTheLookupsAndStaysExact) {
       // any strategy
     } else if (c.strategy != nullptr) EXPECT_EQ(strategy, c.strategy) << c.query;
     else EXPECT_TRUE(strategy != "name-prefix" && strategy != "name-suffix") << c.query << " " << strategy;
-    expectExact(planner, c.query);
+    testing::expectPlannerExact(planner, c.query);
   }
 }
 
@@ -316,7 +302,7 @@ TEST(NameLookup, LiteralOrsStayExact) {
       {"beside other terms", "README|Makefile|*.py"},
   };
   const ExecutionPlanner planner(plannerIndex());
-  for (const Case& c : cases) expectExact(planner, c.query);
+  for (const Case& c : cases) testing::expectPlannerExact(planner, c.query);
   EXPECT_EQ(std::string(ExecutionPlanner::name(planner.plan(u"README|Makefile").strategy)), "literal-or");
 }
 
@@ -333,7 +319,7 @@ TEST(NameLookup, RandomPatternsOnRandomCatalogsStayExact) {
       const int modifier = static_cast<int>(random() % 4);
       if (modifier == 1) query = "wfn:" + query;
       if (modifier == 2) query = "case:" + query;
-      expectExact(planner, query);
+      testing::expectPlannerExact(planner, query);
     }
   }
 }

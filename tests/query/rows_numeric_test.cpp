@@ -16,6 +16,7 @@
 #include "kernel/query/query.h"
 #include "kernel/query/search_index.h"
 #include "tests/support/process.h"
+#include "tests/query/query_test_support.h"
 
 namespace tarv {
 namespace {
@@ -118,20 +119,6 @@ SearchIndexPtr numericIndex(bool directorySizes) {
   return std::make_shared<const SearchIndex>(catalog, realTable());
 }
 
-void expectExact(const ExecutionPlanner& planner, const std::string& query, const std::string& label) {
-  const SearchIndex& index = planner.index();
-  auto root = Query::parse(utf16(query), index.compatibility(), index.catalog().pathFlavor());
-  Query::markSizeSemantics(*root, index.catalog().directorySizes());
-  const ExecutionPlanner::Selection selection = planner.select(utf16(query));
-  std::int64_t expected = 0;
-  for (std::int32_t r = 0; r < index.catalog().count(); ++r) {
-    const bool want = Query::matches(*root, index.catalog(), r, index.compatibility());
-    expected += want ? 1 : 0;
-    ASSERT_EQ(selection.rows.test(r), want) << label << " \"" << query << "\": row " << r;
-  }
-  EXPECT_EQ(selection.count, expected) << label << " \"" << query << "\"";
-}
-
 TEST(RowsNumeric, RangesTypesAndCombinationsMatchThePlainRule) {
   struct Case {
     const char* label;
@@ -170,7 +157,7 @@ TEST(RowsNumeric, RangesTypesAndCombinationsMatchThePlainRule) {
     for (const std::int64_t minimum : {std::int64_t(1), std::int64_t(64), ExecutionPlanner::kScanMinimum}) {
       const ExecutionPlanner planner(index, minimum);
       for (const Case& c : cases)
-        expectExact(planner, c.query,
+        testing::expectPlannerExact(planner, c.query,
                     std::string(c.label) + (directorySizes ? " (folder sizes)" : "") + " minimum " +
                         std::to_string(minimum));
     }
@@ -183,7 +170,7 @@ TEST(RowsNumeric, RecordTypesStayExactOnLaterQuestions) {
   const ExecutionPlanner planner(numericIndex(false));
   for (int round = 0; round < 3; ++round)
     for (const char* query : {"folder:", "file:", "!folder:", "file: ext:c", "folder:|ext:h"})
-      expectExact(planner, query, "round " + std::to_string(round));
+      testing::expectPlannerExact(planner, query, "round " + std::to_string(round));
 }
 
 }  // namespace

@@ -14,6 +14,7 @@
 #include "kernel/query/query.h"
 #include "kernel/query/search_index.h"
 #include "tests/support/process.h"
+#include "tests/query/query_test_support.h"
 
 namespace tarv {
 namespace {
@@ -42,22 +43,6 @@ SearchIndexPtr treeIndex(PathFlavor flavor) {
                     std::nullopt);
   auto catalog = std::make_shared<Catalog>(builder.finish());
   return std::make_shared<const SearchIndex>(catalog, realTable());
-}
-
-std::int64_t expectExact(const ExecutionPlanner& planner, const std::string& query, const std::string& label) {
-  const SearchIndex& index = planner.index();
-  auto root = Query::parse(utf16(query), index.compatibility(), index.catalog().pathFlavor());
-  Query::markSizeSemantics(*root, index.catalog().directorySizes());
-  const ExecutionPlanner::Selection selection = planner.select(utf16(query));
-  std::int64_t expected = 0;
-  for (std::int32_t r = 0; r < index.catalog().count(); ++r) {
-    const bool want = Query::matches(*root, index.catalog(), r, index.compatibility());
-    expected += want ? 1 : 0;
-    EXPECT_EQ(selection.rows.test(r), want) << label << " \"" << query << "\": row " << r << " "
-                                            << index.catalog().displayPath(r);
-  }
-  EXPECT_EQ(selection.count, expected) << label << " \"" << query << "\"";
-  return expected;
 }
 
 TEST(RowsParent, ParentAndPathTermsMatchThePlainRule) {
@@ -99,7 +84,7 @@ TEST(RowsParent, ParentAndPathTermsMatchThePlainRule) {
         for (const Case& c : cases) {
           const bool windows = flavor == PathFlavor::windows;
           const std::string label = std::string(c.label) + (windows ? " (windows)" : " (posix)");
-          const std::int64_t found = expectExact(planner, windows ? c.windows : c.posix, label);
+          const std::int64_t found = testing::expectPlannerExact(planner, windows ? c.windows : c.posix, label);
           if (c.matches) {
             EXPECT_EQ(found > 0, *c.matches) << label;
           }
