@@ -17,21 +17,8 @@
 namespace tarv {
 namespace {
 
+using testing::entriesOf;
 using testing::TempDir;
-
-std::string bytesOf(const std::filesystem::path& file) {
-  std::ifstream in(file, std::ios::binary);
-  return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-}
-
-std::vector<std::string> entriesOf(const std::filesystem::path& directory) {
-  std::vector<std::string> names;
-  std::error_code error;
-  for (const auto& entry : std::filesystem::directory_iterator(directory, error))
-    names.push_back(entry.path().filename().string());
-  std::sort(names.begin(), names.end());
-  return names;
-}
 
 void expectSameOrders(const IndexCache::Loaded& a, const IndexCache::Loaded& b, const std::string& label) {
   ASSERT_EQ(a.catalog->count(), b.catalog->count()) << label;
@@ -69,9 +56,9 @@ TEST(EarlyStore, WritesTheSameBytesAsAPlainStore) {
     early.store(earlyLoad);
 
     ASSERT_EQ(plainLoad.key, earlyLoad.key) << shape.label;
-    const std::string plainBytes = bytesOf(plain.fileOf(plainLoad.key));
+    const std::string plainBytes = testing::readFile(plain.fileOf(plainLoad.key));
     ASSERT_FALSE(plainBytes.empty()) << shape.label;
-    EXPECT_TRUE(plainBytes == bytesOf(early.fileOf(earlyLoad.key))) << shape.label;
+    EXPECT_TRUE(plainBytes == testing::readFile(early.fileOf(earlyLoad.key))) << shape.label;
     expectSameOrders(plainLoad, earlyLoad, shape.label);
   }
   ASSERT_TRUE(PendingWrites::waitUntilDone(std::chrono::seconds(10)));

@@ -16,16 +16,8 @@ namespace tarv {
 namespace {
 
 using namespace std::string_literals;
+using testing::entriesOf;
 using testing::TempDir;
-
-std::vector<std::string> entriesOf(const std::filesystem::path& directory) {
-  std::vector<std::string> names;
-  std::error_code error;
-  for (const auto& entry : std::filesystem::directory_iterator(directory, error))
-    names.push_back(entry.path().filename().string());
-  std::sort(names.begin(), names.end());
-  return names;
-}
 
 // Everything a search can see of a loaded source, for comparing loads.
 void expectSameLoad(const IndexCache::Loaded& a, const IndexCache::Loaded& b) {

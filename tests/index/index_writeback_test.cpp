@@ -19,11 +19,6 @@ namespace {
 
 using testing::TempDir;
 
-std::string bytesOf(const std::filesystem::path& file) {
-  std::ifstream in(file, std::ios::binary);
-  return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-}
-
 // Sections of uneven lengths, so padding lies between them.
 struct Sections {
   std::vector<std::int32_t> first = std::vector<std::int32_t>(100003);
@@ -56,7 +51,7 @@ TEST(IndexWriteback, AnyPointOfTheWriteGivesTheSameFile) {
   const Sections s;
   TempDir dir;
   writeFile(dir / "reference.tarvidx", s, 0);
-  const std::string reference = bytesOf(dir / "reference.tarvidx");
+  const std::string reference = testing::readFile(dir / "reference.tarvidx");
   ASSERT_GT(reference.size(), 400000u);
 
   const struct {
@@ -72,7 +67,7 @@ TEST(IndexWriteback, AnyPointOfTheWriteGivesTheSameFile) {
   for (const auto& c : cases) {
     const auto file = dir / (std::string("file") + std::to_string(c.before) + ".tarvidx");
     writeFile(file, s, c.before);
-    EXPECT_TRUE(bytesOf(file) == reference) << c.label;
+    EXPECT_TRUE(testing::readFile(file) == reference) << c.label;
     EXPECT_FALSE(std::filesystem::exists(file.string() + ".partial")) << c.label;
 
     IndexFile::Reader reader(file);

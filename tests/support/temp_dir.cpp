@@ -2,6 +2,7 @@
 
 #include <stdlib.h>
 
+#include <algorithm>
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
@@ -33,6 +34,15 @@ std::string readFile(const std::filesystem::path& path) {
   std::ostringstream out;
   out << file.rdbuf();
   return out.str();
+}
+
+std::vector<std::string> entriesOf(const std::filesystem::path& directory) {
+  std::vector<std::string> names;
+  std::error_code error;
+  for (const auto& entry : std::filesystem::directory_iterator(directory, error))
+    names.push_back(entry.path().filename().string());
+  std::sort(names.begin(), names.end());
+  return names;
 }
 
 }  // namespace tarv::testing

@@ -5,6 +5,7 @@
 #include <filesystem>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace tarv::testing {
 
@@ -25,5 +26,7 @@ class TempDir {
 };
 
 std::string readFile(const std::filesystem::path& path);
+// The names of the entries of `directory`, sorted; none when it is missing.
+std::vector<std::string> entriesOf(const std::filesystem::path& directory);
 
 }  // namespace tarv::testing
