@@ -24,15 +24,10 @@
 #include "kernel/query/search_index.h"
 #include "kernel/query/sort_spec.h"
 #include "tests/support/process.h"
+#include "tests/query/query_test_support.h"
 
 namespace tarv {
 namespace {
-
-std::shared_ptr<const Compatibility> realTable() {
-  static const auto table =
-      Compatibility::load(std::filesystem::path(testing::sourceDir()) / "data" / "vantor-v1.json");
-  return table;
-}
 
 std::uint64_t environmentNumber(const char* name, std::uint64_t fallback) {
   const char* value = std::getenv(name);
@@ -210,7 +205,7 @@ World randomWorld(Random& random) {
   for (std::int64_t s = 0; s < count; ++s) {
     const std::string id = "s" + std::to_string(s);
     CatalogPtr catalog = randomCatalog(random, id, world, description);
-    world.indexes.push_back(std::make_shared<const SearchIndex>(catalog, realTable()));
+    world.indexes.push_back(std::make_shared<const SearchIndex>(catalog, testing::shippedTable()));
     world.sources.push_back({id, "Source " + id, catalog});
     world.starts.push_back(world.starts.back() + catalog->count());
   }
@@ -531,7 +526,7 @@ int comparePlainly(const Compatibility& table, const PlainRow& a, const PlainRow
 }
 
 std::vector<PlainRow> plainMatches(const World& world, const std::string& query) {
-  const Compatibility& table = *realTable();
+  const Compatibility& table = *testing::shippedTable();
   std::vector<PlainRow> rows;
   for (std::size_t s = 0; s < world.sources.size(); ++s) {
     const Catalog& catalog = *world.sources[s].catalog;
@@ -574,14 +569,14 @@ TEST(Differential, EngineEqualsPlainEvaluationForEverySort) {
   const std::uint64_t cases = environmentNumber("TARV_DIFF_CASES", 2500);
   constexpr std::uint64_t kQueriesPerWorld = 25;
   Random random(seed);
-  const Compatibility& table = *realTable();
+  const Compatibility& table = *testing::shippedTable();
 
   std::uint64_t done = 0, nonEmpty = 0, failures = 0;
   while (done < cases && failures < 5) {
     World world = randomWorld(random);
     const JoinedSearch::Tuning tuning = randomTuning(random);
     const JoinedSearch search(world.sources, world.indexes, std::vector<std::string>(world.sources.size()),
-                              realTable(), tuning);
+                              testing::shippedTable(), tuning);
     QueryMaker maker(random, world);
     for (std::uint64_t q = 0; q < kQueriesPerWorld && done < cases && failures < 5; ++q, ++done) {
       const std::string query = maker.query();

@@ -25,12 +25,6 @@
 namespace tarv {
 namespace {
 
-std::shared_ptr<const Compatibility> realTable() {
-  static const auto table =
-      Compatibility::load(std::filesystem::path(testing::sourceDir()) / "data" / "vantor-v1.json");
-  return table;
-}
-
 struct Entry {
   Entry(std::string p, bool isFolder = false, std::uint64_t bytes = 100,
         std::optional<std::uint64_t> deviceId = std::nullopt)
@@ -43,7 +37,7 @@ struct Entry {
 
 SearchIndexPtr indexOf(const std::vector<Entry>& entries, PathFlavor flavor = PathFlavor::posix,
                        std::map<std::string, std::string> labels = {},
-                       std::shared_ptr<const Compatibility> table = realTable()) {
+                       std::shared_ptr<const Compatibility> table = testing::shippedTable()) {
   NativeCatalogBuilder builder("t", flavor, false);
   for (const Entry& e : entries)
     builder.add(utf16(e.path), e.folder ? 1 : 0, e.size, kUnixEpochTicks, kUnknown64, kUnknown64, e.device);
@@ -153,7 +147,7 @@ TEST(ExecutionPlanner, NamesHoldingNulUnitsAreTestedOnTheirOwn) {
   add(std::string("C:\\d\\\0abc", 9));
   add(std::string("C:\\d\\abc\0", 9));
   auto catalog = std::make_shared<Catalog>(builder.finish());
-  const ExecutionPlanner planner(std::make_shared<const SearchIndex>(catalog, realTable()));
+  const ExecutionPlanner planner(std::make_shared<const SearchIndex>(catalog, testing::shippedTable()));
   for (const char* q : {"ab*", "*.so", "*cd.so", "abc*", "*abc", "wfn:abc", "c", "ab"})
     testing::expectPlannerExact(planner, q, q);
   EXPECT_EQ(planner.select(u"*.so").count, 1);
@@ -221,7 +215,7 @@ TEST(ExecutionPlanner, QueriesBeyondTheBudgetsStayExact) {
 }
 
 TEST(NameLiteral, ContainsFoldsNamesNotTexts) {
-  const auto& fold = realTable()->searchTable();
+  const auto& fold = testing::shippedTable()->searchTable();
   struct Case {
     const char* label;
     std::u16string name;
@@ -243,7 +237,7 @@ TEST(NameLiteral, ContainsFoldsNamesNotTexts) {
     EXPECT_EQ(name_literal::contains(c.name, c.text, c.sensitive, fold.data()), c.expected) << c.label;
     if (c.text.empty()) continue;
     // The anchored form: the first unit found eight at a time.
-    const auto first = name_literal::unitsMatching(c.text[0], c.sensitive, *realTable());
+    const auto first = name_literal::unitsMatching(c.text[0], c.sensitive, *testing::shippedTable());
     ASSERT_TRUE(first.has_value()) << c.label;
     EXPECT_EQ(name_literal::contains(c.name, c.text, *first, fold.data()), c.expected) << c.label;
   }
@@ -252,10 +246,10 @@ TEST(NameLiteral, ContainsFoldsNamesNotTexts) {
 TEST(NameLiteral, AnchoredSearchAgreesOnLongAndMixedNames) {
   // Names across the eight-unit blocks, the wanted unit at every offset,
   // accented and wide units around it.
-  const auto& fold = realTable()->searchTable();
+  const auto& fold = testing::shippedTable()->searchTable();
   const std::u16string filler = u"abcdefghij\u00e9\u212Aklmnopqrstuvwxyz0123456789";
   for (const std::u16string text : {u"kl", u"qrs", u"\u00e9k", u"9", u"xyz0123456789"}) {
-    const auto first = name_literal::unitsMatching(fold[text[0]], false, *realTable());
+    const auto first = name_literal::unitsMatching(fold[text[0]], false, *testing::shippedTable());
     ASSERT_TRUE(first.has_value());
     std::u16string folded;
     for (Unit u : text) folded += static_cast<Unit>(fold[u]);
@@ -269,26 +263,26 @@ TEST(NameLiteral, AnchoredSearchAgreesOnLongAndMixedNames) {
 }
 
 TEST(NameLiteral, UnitsMatchingListsEveryFoldedForm) {
-  const auto k = name_literal::unitsMatching(u'k', false, *realTable());
+  const auto k = name_literal::unitsMatching(u'k', false, *testing::shippedTable());
   ASSERT_TRUE(k.has_value());
   EXPECT_EQ(std::vector<Unit>(k->ascii, k->ascii + k->asciiCount), (std::vector<Unit>{u'K', u'k'}));
   EXPECT_TRUE(k->wide);  // the Kelvin sign, and accented forms
   EXPECT_TRUE(k->accepts(u'\u212A'));
   EXPECT_FALSE(k->accepts(u'x'));
-  const auto sensitive = name_literal::unitsMatching(u'K', true, *realTable());
+  const auto sensitive = name_literal::unitsMatching(u'K', true, *testing::shippedTable());
   ASSERT_TRUE(sensitive.has_value());
   EXPECT_EQ(sensitive->asciiCount, 1u);
   EXPECT_FALSE(sensitive->wide);
   EXPECT_FALSE(sensitive->accepts(u'k'));
-  EXPECT_FALSE(name_literal::unitsMatching(0, false, *realTable()).has_value());
+  EXPECT_FALSE(name_literal::unitsMatching(0, false, *testing::shippedTable()).has_value());
 }
 
 TEST(NameLiteral, UnitIndexGivesTheSetsOfTheTableWalk) {
-  const name_literal::UnitIndex index(*realTable());
+  const name_literal::UnitIndex index(*testing::shippedTable());
   for (std::uint32_t u = 0; u < 65536; u += 97) {
     for (const bool sensitive : {false, true}) {
-      const Unit unit = static_cast<Unit>(sensitive ? u : realTable()->fold(static_cast<Unit>(u)));
-      const auto walked = name_literal::unitsMatching(unit, sensitive, *realTable());
+      const Unit unit = static_cast<Unit>(sensitive ? u : testing::shippedTable()->fold(static_cast<Unit>(u)));
+      const auto walked = name_literal::unitsMatching(unit, sensitive, *testing::shippedTable());
       const auto indexed = index.of(unit, sensitive);
       ASSERT_EQ(walked.has_value(), indexed.has_value()) << u;
       if (!walked) continue;
@@ -312,7 +306,7 @@ TEST(NameLiteral, ScanUnitsStaysInsideDamagedOffsets) {
     starts[i] = static_cast<std::int32_t>(random() % 3 == 0 ? -5 : random() % 100000);
   parts.nameStarts = Column<std::int32_t>::owned(std::move(starts));
   const Catalog damaged(std::move(parts));
-  const auto q = name_literal::unitsMatching(u'q', false, *realTable());
+  const auto q = name_literal::unitsMatching(u'q', false, *testing::shippedTable());
   ASSERT_TRUE(q.has_value());
   std::vector<std::uint64_t> words(Bitset::wordCount(damaged.count()) + 1, 0);
   const std::int64_t found = name_literal::scanUnits(damaged, *q, 0, damaged.count(), nullptr, words.data());
@@ -349,7 +343,7 @@ TEST(NameLiteral, ScanUnitsAgreesWithTheFoldOnMixedNamesAndRanges) {
       {"absent everywhere", u'q', false},
   };
   for (const Case& t : cases) {
-    const auto set = name_literal::unitsMatching(t.unit, t.sensitive, *realTable());
+    const auto set = name_literal::unitsMatching(t.unit, t.sensitive, *testing::shippedTable());
     ASSERT_TRUE(set.has_value()) << t.label;
     for (const auto& [begin, end] : std::vector<std::pair<std::int64_t, std::int64_t>>{
              {0, c.count()}, {64, 4097}, {4096, 8192}, {128, 129}, {8960, c.count()}}) {

@@ -26,12 +26,6 @@
 namespace tarv {
 namespace {
 
-std::shared_ptr<const Compatibility> shippedTable() {
-  static const auto table =
-      Compatibility::load(std::filesystem::path(testing::sourceDir()) / "data" / "vantor-v1.json");
-  return table;
-}
-
 // One row per name, spread over a few folders, every fifth one a folder (so
 // folders and files share the lookups). Names may hold NUL units.
 SearchIndexPtr indexOfNames(const std::vector<Text>& names, std::shared_ptr<const Compatibility> table) {
@@ -74,7 +68,7 @@ std::set<std::int32_t> rowsOf(const Column<std::int32_t>& order, const std::vect
 }
 
 TEST(NameLookup, FoldedOrderSortsFoldedNamesThenRows) {
-  for (const auto& table : {shippedTable(), testing::syntheticTable()}) {
+  for (const auto& table : {testing::shippedTable(), testing::syntheticTable()}) {
     const auto index = indexOfNames(trickyNames(), table);
     const NameCandidates& names = *index->names();
     const Catalog& c = index->catalog();
@@ -113,9 +107,9 @@ TEST(NameLookup, CompareFoldedCases) {
       {"within the key they are", u"abcdefghijklmnoX", u"ABCDEFGHIJKLMNOy", -1},
       {"a longer name equals its key", u"abcdefghijklmnopq", u"abcdefghijklmnop", 0},
   };
-  for (const Case& c : cases) EXPECT_EQ(NameCandidates::compareFolded(*shippedTable(), c.a, c.b), c.expected) << c.label;
+  for (const Case& c : cases) EXPECT_EQ(NameCandidates::compareFolded(*testing::shippedTable(), c.a, c.b), c.expected) << c.label;
   // Without the cut, whole names compare.
-  EXPECT_EQ(NameCandidates::compareFolded(*shippedTable(), u"abcdefghijklmnopq", u"abcdefghijklmnop", 100), 1);
+  EXPECT_EQ(NameCandidates::compareFolded(*testing::shippedTable(), u"abcdefghijklmnopq", u"abcdefghijklmnop", 100), 1);
 }
 
 // Prefix and whole-name ranges against a scan of the folded names.
@@ -149,7 +143,7 @@ TEST(NameLookup, FoldedRangesEqualScans) {
                                     Text(u"read") + Unit(0), Text(u"cafe") + Unit(0), u"\U0001F600",
                                     u"python3-distutils-extra", u"Python3-Distutils-Extra-X", u"abcdefghijklmnop",
                                     u"abcdefghijklmnopq", u"abcdefghijklmno", u"abcdefghijklmnoq"};
-  expectFoldedRangesMatchScans(*indexOfNames(trickyNames(), shippedTable()), probes);
+  expectFoldedRangesMatchScans(*indexOfNames(trickyNames(), testing::shippedTable()), probes);
   const auto table = testing::syntheticTable();
   for (std::uint32_t seed = 1; seed <= 6; ++seed) {
     SearchIndex index(testing::randomCatalog(seed, PathFlavor::posix, 400), table);
@@ -186,7 +180,7 @@ bool endsLike(const Compatibility& t, TextView name, TextView tail) {
 TEST(NameLookup, SuffixRangesWithAnyUnitsEqualScans) {
   const std::vector<Text> tails = {u".py?", u"?", u"??", u".py", u"akefile", u"?akefile", u"?.?", u"lib?.a",
                                    u"É", u"?y?", Text(u"py") + Unit(0), u"q?q"};
-  std::vector<SearchIndexPtr> indexes = {indexOfNames(trickyNames(), shippedTable())};
+  std::vector<SearchIndexPtr> indexes = {indexOfNames(trickyNames(), testing::shippedTable())};
   for (std::uint32_t seed = 11; seed <= 14; ++seed)
     indexes.push_back(std::make_shared<const SearchIndex>(testing::randomCatalog(seed, PathFlavor::posix, 300),
                                                           testing::syntheticTable()));
@@ -207,7 +201,7 @@ TEST(NameLookup, SuffixRangesWithAnyUnitsEqualScans) {
 }
 
 TEST(NameLookup, SuffixRangesGiveUpBeyondTheirLimit) {
-  const auto index = indexOfNames(trickyNames(), shippedTable());
+  const auto index = indexOfNames(trickyNames(), testing::shippedTable());
   const NameCandidates& names = *index->names();
   // Every name's last unit: far more than two distinct ones.
   const std::vector<std::int32_t> any = {NameCandidates::kAnyUnit};
@@ -227,7 +221,7 @@ SearchIndexPtr plannerIndex() {
   static const SearchIndexPtr index = [] {
     std::vector<Text> names = trickyNames();
     for (int i = 0; i < 2000; ++i) names.push_back(utf16("file" + std::to_string(i) + ".txt"));
-    return indexOfNames(names, shippedTable());
+    return indexOfNames(names, testing::shippedTable());
   }();
   return index;
 }
@@ -325,7 +319,7 @@ TEST(NameLookup, RandomPatternsOnRandomCatalogsStayExact) {
 }
 
 TEST(NameLookup, FoldedOrderSurvivesWriteAndRead) {
-  const auto table = shippedTable();
+  const auto table = testing::shippedTable();
   const auto built = indexOfNames(trickyNames(), table);
   testing::TempDir dir;
   {

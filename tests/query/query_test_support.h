@@ -1,7 +1,7 @@
 #pragma once
 // Shared pieces of the query tests: a small synthetic comparison table
 // (A..Z fold to a..z, order = search, letterCase = identity), parsing with a
-// fixed present moment, tree rendering, and the planner's answer checked
+// fixed present moment, the shipped table, tree rendering, and the planner's answer checked
 // row by row against Query::matches.
 
 #include <cstdint>
@@ -15,8 +15,15 @@
 #include "kernel/query/execution_planner.h"
 #include "kernel/query/query.h"
 #include "kernel/query/query_parser.h"
+#include "tests/support/process.h"
 
 namespace tarv::testing {
+
+// The shipped comparison table, loaded once.
+inline std::shared_ptr<const Compatibility> shippedTable() {
+  static const auto table = Compatibility::load(committedTable());
+  return table;
+}
 
 inline std::shared_ptr<const Compatibility> asciiTable() {
   static const std::shared_ptr<const Compatibility> table = [] {

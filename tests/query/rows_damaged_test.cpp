@@ -16,15 +16,10 @@
 #include "tests/support/process.h"
 #include "tests/support/synthetic_catalog.h"
 #include "tests/support/temp_dir.h"
+#include "tests/query/query_test_support.h"
 
 namespace tarv {
 namespace {
-
-std::shared_ptr<const Compatibility> realTable() {
-  static const auto table =
-      Compatibility::load(std::filesystem::path(testing::sourceDir()) / "data" / "vantor-v1.json");
-  return table;
-}
 
 // The selection names rows only, and its count is its size.
 void expectWithinRows(const ExecutionPlanner::Selection& selection, std::int64_t rows, const std::string& label) {
@@ -38,7 +33,7 @@ void expectWithinRows(const ExecutionPlanner::Selection& selection, std::int64_t
 }
 
 TEST(RowsDamaged, DamagedOrdersGiveAnswersWithinTheRows) {
-  const auto table = realTable();
+  const auto table = testing::shippedTable();
   std::mt19937 random(31);
   for (const PathFlavor flavor : {PathFlavor::posix, PathFlavor::windows}) {
     const auto catalog = testing::randomCatalog(17, flavor, 400);

@@ -93,12 +93,6 @@ TEST(RowsOrderRange, DamagedOrdersStayWithinTheirColumns) {
 // ---------------------------------------------------------------------------
 // The planner's numeric terms against Query::matches.
 
-std::shared_ptr<const Compatibility> realTable() {
-  static const auto table =
-      Compatibility::load(std::filesystem::path(testing::sourceDir()) / "data" / "vantor-v1.json");
-  return table;
-}
-
 // Sizes and times drawn from few values (many ties) with unknown ones, so
 // that runs start and end between equal values.
 SearchIndexPtr numericIndex(bool directorySizes) {
@@ -116,7 +110,7 @@ SearchIndexPtr numericIndex(bool directorySizes) {
                   sizes[random() % sizes.size()], std::nullopt);
   }
   auto catalog = std::make_shared<Catalog>(builder.finish());
-  return std::make_shared<const SearchIndex>(catalog, realTable());
+  return std::make_shared<const SearchIndex>(catalog, testing::shippedTable());
 }
 
 TEST(RowsNumeric, RangesTypesAndCombinationsMatchThePlainRule) {

@@ -19,12 +19,6 @@
 namespace tarv {
 namespace {
 
-std::shared_ptr<const Compatibility> realTable() {
-  static const auto table =
-      Compatibility::load(std::filesystem::path(testing::sourceDir()) / "data" / "vantor-v1.json");
-  return table;
-}
-
 SearchIndexPtr treeIndex(PathFlavor flavor) {
   const bool windows = flavor == PathFlavor::windows;
   const std::string root = windows ? "C:" : "";
@@ -42,7 +36,7 @@ SearchIndexPtr treeIndex(PathFlavor flavor) {
   (void)builder.add(utf16(root + s + "top"), false, 1, kUnixEpochTicks, kUnknown64, std::nullopt, 0, kUnknown64,
                     std::nullopt);
   auto catalog = std::make_shared<Catalog>(builder.finish());
-  return std::make_shared<const SearchIndex>(catalog, realTable());
+  return std::make_shared<const SearchIndex>(catalog, testing::shippedTable());
 }
 
 TEST(RowsParent, ParentAndPathTermsMatchThePlainRule) {

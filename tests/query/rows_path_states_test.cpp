@@ -13,17 +13,12 @@
 #include "kernel/catalog/catalog_builder.h"
 #include "kernel/query/path_states.h"
 #include "tests/support/process.h"
+#include "tests/query/query_test_support.h"
 
 namespace tarv {
 namespace {
 
 using PathTerm = ExecutionPlanner::Filter::PathTerm;
-
-std::shared_ptr<const Compatibility> realTable() {
-  static const auto table =
-      Compatibility::load(std::filesystem::path(testing::sourceDir()) / "data" / "vantor-v1.json");
-  return table;
-}
 
 PathTerm termOf(const Compatibility& table, std::string_view text, bool sensitive) {
   PathTerm term;
@@ -98,7 +93,7 @@ TEST(RowsPathStates, PrefixWalkAgreesWithEachParentReadAlone) {
       {"windows separators", "\\usr\\share", false},
       {"absent", "qqq", false},
   };
-  const auto& table = *realTable();
+  const auto& table = *testing::shippedTable();
   for (const PathFlavor flavor : {PathFlavor::posix, PathFlavor::windows}) {
     const CatalogPtr catalog = nestedCatalog(flavor);
     const auto parents = static_cast<std::uint32_t>(catalog->parentCount());
@@ -117,7 +112,7 @@ TEST(RowsPathStates, PrefixWalkAgreesWithEachParentReadAlone) {
 TEST(RowsPathStates, TextsStoredOutOfTreeOrder) {
   // Parents added in a shuffled order share little with their neighbours:
   // the states must not depend on what the walk could reuse.
-  const auto& table = *realTable();
+  const auto& table = *testing::shippedTable();
   std::mt19937 random(5);
   std::vector<std::string> paths;
   for (const char* a : {"usr", "USR", "aab", "a"})
